@@ -1,0 +1,296 @@
+#include "mqlink/client.h"
+
+#include <fcntl.h>
+#include <netinet/in.h>
+#include <netinet/tcp.h>
+#include <poll.h>
+#include <sys/socket.h>
+#include <time.h>
+
+#include <algorithm>
+#include <exception>
+
+namespace mqlink {
+
+namespace {
+
+using std::chrono::milliseconds;
+using std::chrono::seconds;
+
+// 0: no MQTT pings. The broker would drop a client that a job has kept silent for 1.5 keepalives,
+// and with it the requests that wait for their turn.
+constexpr int mqtt_keepalive = 0;
+
+// A peer that vanished is found by probes after 20 s of silence, every 10 s, or by data that stays
+// unacknowledged; either way the kernel gives up at the first check past 45 s (tcp(7)).
+constexpr int tcp_keepidle_s = 20;
+constexpr int tcp_keepintvl_s = 10;
+constexpr int tcp_user_timeout_ms = 45000;
+
+constexpr milliseconds shortest_pause(10);
+constexpr milliseconds longest_pause(1000);
+constexpr seconds settling_time(5);
+constexpr seconds connack_limit(30);
+constexpr seconds delivery_limit(2);
+
+constexpr int suback_failure = 0x80;  // MQTT 3.1.1, section 3.9.3
+
+}  // namespace
+
+Client::Client(const ClientSessionOptions& options, const char* name)
+    : mosqpp::mosquittopp(options.client_id, options.clean_session),
+      log(log4cpp::Category::getInstance(name)),
+      _options(options)
+{
+}
+
+Client::~Client()
+{
+    _stopping = true;
+    try {
+        deliver_pending();
+    } catch (...) {
+        log_caught("delivery at the end");
+    }
+    _link = Link::down;
+    disconnect();
+}
+
+void Client::registerHandler(Handler* handler)
+{
+    _subscriptions.push_back({handler, 0});
+}
+
+int Client::start(const char* host, int port)
+{
+    if (!wait_for_turn()) {
+        return MOSQ_ERR_NO_CONN;
+    }
+    _broker = port == 0 ? host : host + (":" + std::to_string(port));
+    _link = Link::opening;
+    _link_since = Clock::now();
+    const int rc = connect(host, port, mqtt_keepalive);
+    if (rc != MOSQ_ERR_SUCCESS) {
+        tell_down("Couldn't reach broker " + _broker + ". " + mosqpp::strerror(rc));
+        return rc;
+    }
+    set_socket_options();
+    return rc;
+}
+
+int Client::loop(int timeout_ms, int max_packets)
+{
+    settle_if_due();
+    if (_link == Link::opening && Clock::now() - _link_since > connack_limit) {
+        tell_down("Broker " + _broker + " did not answer the connection request");
+        shutdown(socket(),
+                 SHUT_RDWR);  // which the loop below finds and reports as a lost connection
+    }
+    return mosquittopp::loop(timeout_ms, max_packets);
+}
+
+int Client::publish(int* mid, const char* topic, int payloadlen, const void* payload, int qos,
+                    bool retain)
+{
+    const int rc = mosquittopp::publish(mid, topic, payloadlen, payload, qos, retain);
+    // Without a connection the library reports it, but keeps the message and sends it later.
+    if (rc == MOSQ_ERR_SUCCESS || rc == MOSQ_ERR_NO_CONN) {
+        ++_pending;
+    }
+    return rc;
+}
+
+// The callbacks are called from C code that holds locks: no exception may leave them.
+
+void Client::on_connect(int rc)
+try {
+    _link_since = Clock::now();
+    if (rc != 0) {
+        tell_down("Broker " + _broker + " refused the connection. " + mosqpp::connack_string(rc));
+        return;
+    }
+    _link = Link::up;
+    _settled = false;
+    if (tell(log4cpp::Priority::INFO, connected_text())) {
+        _told_up = true;
+    }
+    if (!_stopping && (_options.resubscribe_on_connect || !_subscribed_before)) {
+        subscribe_all();
+    }
+} catch (...) {
+    log_caught("on_connect");
+}
+
+void Client::on_disconnect(int rc)
+try {
+    settle_if_due();
+    if (_link == Link::up) {
+        tell_down("Lost the connection to broker " + _broker + ". " + mosqpp::strerror(rc));
+    } else if (_link == Link::opening) {
+        tell_down("Broker " + _broker + " closed the connection without an answer. " +
+                  mosqpp::strerror(rc));
+    }
+} catch (...) {
+    log_caught("on_disconnect");
+}
+
+void Client::on_publish(int /*mid*/)
+{
+    --_pending;
+}
+
+void Client::on_message(const mosquitto_message* msg)
+try {
+    if (_stopping) {
+        log.error("Stopping, so the message on %s is not handled", msg->topic);
+        return;
+    }
+    for (const Subscription& subscription : _subscriptions) {
+        dispatch(*subscription.handler, msg);
+    }
+} catch (...) {
+    log_caught("on_message");
+}
+
+void Client::on_subscribe(int mid, int qos_count, const int* granted_qos)
+try {
+    for (const Subscription& subscription : _subscriptions) {
+        if (subscription.mid == mid && qos_count > 0 && granted_qos[0] == suback_failure) {
+            tell(log4cpp::Priority::ERROR, "Broker " + _broker + " refused the subscription to " +
+                                               subscription.handler->topicFilter());
+        }
+    }
+} catch (...) {
+    log_caught("on_subscribe");
+}
+
+/// Waits until the next attempt is due. False if a signal came first.
+bool Client::wait_for_turn()
+{
+    const auto wait =
+        std::chrono::duration_cast<std::chrono::nanoseconds>(_last_attempt + _pause - Clock::now());
+    if (_pause.count() > 0 && wait.count() > 0) {
+        timespec time;
+        time.tv_sec = static_cast<time_t>(wait.count() / 1000000000);
+        time.tv_nsec = static_cast<long>(wait.count() % 1000000000);
+        if (nanosleep(&time, nullptr) != 0) {
+            return false;
+        }
+    }
+    _last_attempt = Clock::now();
+    _pause = std::clamp(2 * _pause, shortest_pause, longest_pause);
+    return true;
+}
+
+/// All but the first fail without harm on a Unix socket, which needs none of them.
+void Client::set_socket_options()
+{
+    const auto set_option = [this](int level, int option, int value) {
+        setsockopt(socket(), level, option, &value, sizeof value);
+    };
+    fcntl(socket(), F_SETFD, FD_CLOEXEC);     // a script's children must not hold the connection
+    set_option(IPPROTO_TCP, TCP_NODELAY, 1);  // or each small packet waits for the peer's next ACK
+    set_option(SOL_SOCKET, SO_KEEPALIVE, 1);
+    set_option(IPPROTO_TCP, TCP_KEEPIDLE, tcp_keepidle_s);
+    set_option(IPPROTO_TCP, TCP_KEEPINTVL, tcp_keepintvl_s);
+    set_option(IPPROTO_TCP, TCP_USER_TIMEOUT, tcp_user_timeout_ms);
+}
+
+void Client::subscribe_all()
+{
+    for (Subscription& subscription : _subscriptions) {
+        const std::string& filter = subscription.handler->topicFilter();
+        const int rc = subscribe(&subscription.mid, filter.c_str(), subscription.handler->qos());
+        if (rc != MOSQ_ERR_SUCCESS) {
+            tell(log4cpp::Priority::ERROR,
+                 "Couldn't subscribe to " + filter + ". " + mosqpp::strerror(rc));
+        }
+    }
+    _subscribed_before = true;
+}
+
+void Client::dispatch(Handler& handler, const mosquitto_message* msg)
+try {
+    if (const auto vars = FilterVariables::match(handler.topicFilter(), msg->topic)) {
+        handler.onMessage(*vars, msg, *this);
+    }
+} catch (...) {
+    log_caught("message handler");
+}
+
+void Client::settle_if_due()
+{
+    if (_link != Link::up || _settled || Clock::now() - _link_since < settling_time) {
+        return;
+    }
+    _settled = true;
+    _pause = milliseconds(0);
+    _told.clear();
+    if (!_told_up) {
+        _told_up = tell(log4cpp::Priority::INFO, connected_text());
+    }
+}
+
+void Client::deliver_pending()
+{
+    const auto deadline = Clock::now() + delivery_limit;
+    while (_pending > 0 && socket() != -1) {
+        const auto left = std::chrono::duration_cast<milliseconds>(deadline - Clock::now());
+        if (left.count() <= 0) {
+            break;
+        }
+        pollfd ready = {};
+        ready.fd = socket();
+        ready.events = static_cast<short>(want_write() ? POLLIN | POLLOUT : POLLIN);
+        if (poll(&ready, 1, static_cast<int>(left.count())) <= 0) {
+            continue;
+        }
+        if (ready.revents & POLLOUT) {
+            loop_write(1);
+        }
+        if (ready.revents & ~POLLOUT) {
+            loop_read(1);
+        }
+        loop_misc();
+    }
+    if (_pending > 0) {
+        log.error("%d messages were not acknowledged by the broker and may be lost", _pending);
+    }
+}
+
+/// To be called in a catch block: logs what was caught.
+void Client::log_caught(const char* where) noexcept
+{
+    try {
+        throw;
+    } catch (const std::exception& caught) {
+        log.error("Exception in %s: %s", where, caught.what());
+    } catch (...) {
+        log.error("Exception in %s: not a standard exception", where);
+    }
+}
+
+/// Logs a line, unless it was logged since a connection last settled. Returns whether it did.
+bool Client::tell(log4cpp::Priority::Value priority, const std::string& text)
+{
+    const bool is_news = _told.insert(text).second;
+    if (is_news) {
+        log.log(priority, text);
+    }
+    return is_news;
+}
+
+void Client::tell_down(const std::string& text)
+{
+    _link = Link::down;
+    if (tell(log4cpp::Priority::ERROR, text)) {
+        _told_up = false;
+    }
+}
+
+std::string Client::connected_text() const
+{
+    return "Connected to broker " + _broker;
+}
+
+}  // namespace mqlink

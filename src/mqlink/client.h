@@ -1,0 +1,108 @@
+#pragma once
+
+#include <mosquittopp.h>
+
+#include <chrono>
+#include <log4cpp/Category.hh>
+#include <set>
+#include <string>
+#include <vector>
+
+#include "mqlink/handler.h"
+
+namespace mqlink {
+
+struct ClientSessionOptions {
+    const char* client_id;        ///< MQTT client identifier; must stay valid for the client's life
+    bool clean_session;           ///< MQTT clean-session flag of each connection
+    bool resubscribe_on_connect;  ///< subscribe again on every connection, not on the first alone
+};
+
+/// The one broker connection and the handlers that its messages go to. Single-threaded: everything
+/// happens inside the calls of its owner, who drives it with start() and loop().
+///
+/// The client never sends MQTT pings, since a job may block it for any time; the kernel's TCP
+/// keepalive finds a broker that vanished, within 60 s. A change of the connection's state is
+/// logged once, under the category given at construction: while attempts fail in a row, or
+/// connections end within seconds, no line is repeated.
+class Client : public mosqpp::mosquittopp {
+public:
+    /// `name` is that of the client's log category.
+    Client(const ClientSessionOptions& options, const char* name);
+
+    /// Calls no handler. Waits at most 2 s until the broker has acknowledged all that was published
+    /// (and logs how many messages it has not), then disconnects.
+    ~Client() override;
+
+    // libmosquittopp would let a copy free the same connection twice.
+    Client(const Client&) = delete;
+    Client& operator=(const Client&) = delete;
+
+    /// Keeps `handler`, which is borrowed and must live until the last loop() has returned. To be
+    /// called before the first start().
+    void registerHandler(Handler* handler);
+
+    /// Connects, or connects again; `host` and `port` go to libmosquitto unchanged, so a socket's
+    /// path with port 0 is a Unix socket. Returns a mosq_err_t.
+    ///
+    /// Paces itself: the time from attempt to attempt grows from 10 ms to 1 s, and starts over
+    /// after a connection that lived for 5 s. A signal ends the wait; then nothing is attempted
+    /// and MOSQ_ERR_NO_CONN returned.
+    int start(const char* host, int port);
+
+    /// mosquittopp's loop. Before it, gives up on a broker that took the connection and has not
+    /// answered the MQTT request for 30 s.
+    int loop(int timeout_ms, int max_packets);
+
+    /// mosquittopp's publish, which also counts what the broker has yet to acknowledge.
+    int publish(int* mid, const char* topic, int payloadlen, const void* payload, int qos,
+                bool retain);
+
+private:
+    using Clock = std::chrono::steady_clock;
+
+    enum class Link { down, opening, up };
+
+    struct Subscription {
+        Handler* handler;
+        int mid;  ///< of the last SUBSCRIBE packet
+    };
+
+    void on_connect(int rc) override;
+    void on_disconnect(int rc) override;
+    void on_publish(int mid) override;
+    void on_message(const mosquitto_message* msg) override;
+    void on_subscribe(int mid, int qos_count, const int* granted_qos) override;
+
+    bool wait_for_turn();
+    void set_socket_options();
+    void subscribe_all();
+    void dispatch(Handler& handler, const mosquitto_message* msg);
+    void settle_if_due();
+    void deliver_pending();
+    void log_caught(const char* where) noexcept;
+    bool tell(log4cpp::Priority::Value priority, const std::string& text);
+    void tell_down(const std::string& text);
+    std::string connected_text() const;
+
+    log4cpp::Category& log;
+    ClientSessionOptions _options;
+    std::vector<Subscription> _subscriptions;
+    std::string _broker;  ///< the broker as the log names it
+
+    Link _link = Link::down;
+    Clock::time_point _link_since;  ///< when _link last changed
+    bool _subscribed_before = false;
+    bool _settled = false;  ///< the connection has lived long enough to count as good
+
+    Clock::time_point _last_attempt;
+    std::chrono::milliseconds _pause{0};  ///< least time from _last_attempt to the next one
+
+    std::set<std::string> _told;  ///< lines logged since a connection last settled
+    bool _told_up = false;        ///< the last such line about the link says that it is up
+
+    int _pending = 0;  ///< published, not yet acknowledged
+    bool _stopping = false;
+};
+
+}  // namespace mqlink
