@@ -4,6 +4,7 @@
 #include <netinet/in.h>
 #include <netinet/tcp.h>
 #include <poll.h>
+#include <sys/select.h>
 #include <sys/socket.h>
 #include <time.h>
 
@@ -17,8 +18,8 @@ namespace {
 using std::chrono::milliseconds;
 using std::chrono::seconds;
 
-// 0: no MQTT pings. The broker would drop a client that a job has kept silent for 1.5 keepalives,
-// and with it the requests that wait for their turn.
+// 0: no MQTT pings. With any other value the broker would drop a client that a job has kept silent
+// for 1.5 keepalives, and with it the requests that wait for their turn.
 constexpr int mqtt_keepalive = 0;
 
 // A peer that vanished is found by probes after 20 s of silence, every 10 s, or by data that stays
@@ -74,6 +75,11 @@ int Client::start(const char* host, int port)
         tell_down("Couldn't reach broker " + _broker + ". " + mosqpp::strerror(rc));
         return rc;
     }
+    if (socket() >= FD_SETSIZE) {  // libmosquitto's loop waits with select(2), which takes no more
+        tell_down("Couldn't reach broker " + _broker + ". Too many open files");
+        disconnect();
+        return MOSQ_ERR_NO_CONN;
+    }
     set_socket_options();
     return rc;
 }
@@ -83,8 +89,11 @@ int Client::loop(int timeout_ms, int max_packets)
     settle_if_due();
     if (_link == Link::opening && Clock::now() - _link_since > connack_limit) {
         tell_down("Broker " + _broker + " did not answer the connection request");
-        shutdown(socket(),
-                 SHUT_RDWR);  // which the loop below finds and reports as a lost connection
+        shutdown(socket(), SHUT_RDWR);  // the loop below then reports a lost connection
+    }
+    // With keepalive 0 libmosquitto's loop does not wait at all: it would use up a whole core.
+    if (socket() != -1 && !wait_for_socket(timeout_ms)) {
+        return MOSQ_ERR_SUCCESS;
     }
     return mosquittopp::loop(timeout_ms, max_packets);
 }
@@ -104,12 +113,12 @@ int Client::publish(int* mid, const char* topic, int payloadlen, const void* pay
 
 void Client::on_connect(int rc)
 try {
-    _link_since = Clock::now();
     if (rc != 0) {
         tell_down("Broker " + _broker + " refused the connection. " + mosqpp::connack_string(rc));
         return;
     }
     _link = Link::up;
+    _link_since = Clock::now();
     _settled = false;
     if (tell(log4cpp::Priority::INFO, connected_text())) {
         _told_up = true;
@@ -196,6 +205,16 @@ void Client::set_socket_options()
     set_option(IPPROTO_TCP, TCP_USER_TIMEOUT, tcp_user_timeout_ms);
 }
 
+/// Waits until there is something to read, or room for what is to be written. False if the time
+/// ran out or a signal came first.
+bool Client::wait_for_socket(int timeout_ms)
+{
+    pollfd ready = {};
+    ready.fd = socket();
+    ready.events = static_cast<short>(want_write() ? POLLIN | POLLOUT : POLLIN);
+    return poll(&ready, 1, timeout_ms) > 0;
+}
+
 void Client::subscribe_all()
 {
     for (Subscription& subscription : _subscriptions) {
@@ -239,19 +258,11 @@ void Client::deliver_pending()
         if (left.count() <= 0) {
             break;
         }
-        pollfd ready = {};
-        ready.fd = socket();
-        ready.events = static_cast<short>(want_write() ? POLLIN | POLLOUT : POLLIN);
-        if (poll(&ready, 1, static_cast<int>(left.count())) <= 0) {
-            continue;
-        }
-        if (ready.revents & POLLOUT) {
+        if (wait_for_socket(static_cast<int>(left.count()))) {
             loop_write(1);
-        }
-        if (ready.revents & ~POLLOUT) {
             loop_read(1);
+            loop_misc();
         }
-        loop_misc();
     }
     if (_pending > 0) {
         log.error("%d messages were not acknowledged by the broker and may be lost", _pending);

@@ -50,8 +50,8 @@ public:
     /// and MOSQ_ERR_NO_CONN returned.
     int start(const char* host, int port);
 
-    /// mosquittopp's loop. Before it, gives up on a broker that took the connection and has not
-    /// answered the MQTT request for 30 s.
+    /// mosquittopp's loop, with a wait of its own in front, which a signal ends. Gives up on a
+    /// broker that took the connection and has not answered the MQTT request for 30 s.
     int loop(int timeout_ms, int max_packets);
 
     /// mosquittopp's publish, which also counts what the broker has yet to acknowledge.
@@ -76,6 +76,7 @@ private:
 
     bool wait_for_turn();
     void set_socket_options();
+    bool wait_for_socket(int timeout_ms);
     void subscribe_all();
     void dispatch(Handler& handler, const mosquitto_message* msg);
     void settle_if_due();
@@ -91,7 +92,7 @@ private:
     std::string _broker;  ///< the broker as the log names it
 
     Link _link = Link::down;
-    Clock::time_point _link_since;  ///< when _link last changed
+    Clock::time_point _link_since;  ///< when it was last opened, or came up
     bool _subscribed_before = false;
     bool _settled = false;  ///< the connection has lived long enough to count as good
 
