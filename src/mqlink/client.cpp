@@ -9,6 +9,8 @@
 #include <time.h>
 
 #include <algorithm>
+#include <cerrno>
+#include <cstring>
 #include <exception>
 
 namespace mqlink {
@@ -35,6 +37,16 @@ constexpr seconds connack_limit(30);
 constexpr seconds delivery_limit(2);
 
 constexpr int suback_failure = 0x80;  // MQTT 3.1.1, section 3.9.3
+
+constexpr int max_remaining_length = 268435455;  // MQTT 3.1.1, section 2.2.3
+constexpr int packet_overhead = 4;               // the topic's length and the packet identifier
+
+std::string reason(int rc)
+{
+    // The library says "see errno" also where a connection ended within a packet and errno is 0.
+    const bool unknown = rc == MOSQ_ERR_ERRNO && errno == 0;
+    return mosqpp::strerror(unknown ? MOSQ_ERR_CONN_LOST : rc);
+}
 
 }  // namespace
 
@@ -72,7 +84,7 @@ int Client::start(const char* host, int port)
     _link_since = Clock::now();
     const int rc = connect(host, port, mqtt_keepalive);
     if (rc != MOSQ_ERR_SUCCESS) {
-        tell_down("Couldn't reach broker " + _broker + ". " + mosqpp::strerror(rc));
+        tell_down("Couldn't reach broker " + _broker + ". " + reason(rc));
         return rc;
     }
     if (socket() >= FD_SETSIZE) {  // libmosquitto's loop waits with select(2), which takes no more
@@ -101,6 +113,12 @@ int Client::loop(int timeout_ms, int max_packets)
 int Client::publish(int* mid, const char* topic, int payloadlen, const void* payload, int qos,
                     bool retain)
 {
+    // The library itself lets a few bytes more pass, finds that the packet exceeds MQTT's limit,
+    // and keeps it for good.
+    if (payloadlen >
+        max_remaining_length - packet_overhead - static_cast<int>(std::strlen(topic))) {
+        return MOSQ_ERR_PAYLOAD_SIZE;
+    }
     const int rc = mosquittopp::publish(mid, topic, payloadlen, payload, qos, retain);
     // Without a connection the library reports it, but keeps the message and sends it later.
     if (rc == MOSQ_ERR_SUCCESS || rc == MOSQ_ERR_NO_CONN) {
@@ -134,10 +152,9 @@ void Client::on_disconnect(int rc)
 try {
     settle_if_due();
     if (_link == Link::up) {
-        tell_down("Lost the connection to broker " + _broker + ". " + mosqpp::strerror(rc));
+        tell_down("Lost the connection to broker " + _broker + ". " + reason(rc));
     } else if (_link == Link::opening) {
-        tell_down("Broker " + _broker + " closed the connection without an answer. " +
-                  mosqpp::strerror(rc));
+        tell_down("Broker " + _broker + " closed the connection without an answer. " + reason(rc));
     }
 } catch (...) {
     log_caught("on_disconnect");

@@ -54,7 +54,8 @@ public:
     /// broker that took the connection and has not answered the MQTT request for 30 s.
     int loop(int timeout_ms, int max_packets);
 
-    /// mosquittopp's publish, which also counts what the broker has yet to acknowledge.
+    /// mosquittopp's publish, which also counts what the broker has yet to acknowledge and refuses
+    /// what is too large for MQTT with MOSQ_ERR_PAYLOAD_SIZE.
     int publish(int* mid, const char* topic, int payloadlen, const void* payload, int qos,
                 bool retain);
 
