@@ -1,0 +1,117 @@
+"""Many jobs of every kind in one daemon. Also runs under a wrapper such as valgrind.
+
+For memory errors and leaks to count, let the wrapper end with a status of its own:
+
+    PEX_DEADLINE_FACTOR=10 \\
+    PEX_COMMAND_WRAPPER="valgrind -q --leak-check=full --error-exitcode=99" \\
+    /usr/bin/pytest tests/e2e/test_endurance.py
+"""
+
+import os
+import pathlib
+
+import msgpack
+import pytest
+
+from harness import WRAPPER, failure, request
+
+LOAD_FAILURE = failure("Dock command service error. Failed to load command script.")
+RUN_FAILURE = failure(
+    "Dock command service error. Command script failure, please consult pex-command logs.")
+
+# One round: (payload, expected result), each on a job id of its own.
+ROUND = [
+    (request("echo", b"x" * 1000), b"x" * 1000),
+    (request("count", {"list": list(range(100)), "nested": [[[{"a": [1.5, None, True]}]]]}),
+     b"2"),
+    (request("large", 20000), b"y" * 20000),
+    (request("silent"), b""),
+    (request("syntax"), LOAD_FAILURE),
+    (request("runtime", ["args"] * 10), RUN_FAILURE),
+    (request("missing"), failure('Cannot run job. Script not found "missing.lua"')),
+    (b"\xc1", failure("parse error")),
+    (b"\x82\xa4", failure("insufficient bytes")),
+    (b"\x81\x01\x02", failure("std::bad_cast")),
+    (b"", b""),
+]
+ROUNDS = 10 if WRAPPER else 600
+WARM_UP_ROUNDS = 2 if WRAPPER else 50
+
+
+@pytest.fixture
+def all_scripts(scripts):
+    scripts.add("echo", "return args")
+    scripts.add("count", "local n = 0 for _ in pairs(args) do n = n + 1 end return n")
+    scripts.add("large", "return ('y'):rep(args)")
+    scripts.add("silent", "leftover = {} for i = 1, 1000 do leftover[i] = {} end")
+    scripts.add("syntax", "return return")
+    scripts.add("runtime", "local t = {} for i = 1, 100 do t[i] = ('z'):rep(i) end error(t)")
+
+
+def run_round(server):
+    for job_id, (payload, _) in enumerate(ROUND):
+        server.publish(str(job_id), payload)
+    results = [(message.topic, message.payload) for message in server.results(len(ROUND))]
+    assert results == [(f"out/cmd/{job_id}", expected)
+                       for job_id, (_, expected) in enumerate(ROUND)]
+
+
+def resident_kilobytes(service):
+    status = pathlib.Path(f"/proc/{service.pid}/status").read_text()
+    return next(int(line.split()[1]) for line in status.splitlines() if line.startswith("VmRSS:"))
+
+
+def descriptors(service):
+    return len(os.listdir(f"/proc/{service.pid}/fd"))
+
+
+def is_instrumented(service):
+    """Whether the memory of the process says nothing of the daemon's own."""
+    return bool(WRAPPER) or "libasan" in pathlib.Path(f"/proc/{service.pid}/maps").read_text()
+
+
+def test_thousands_of_jobs_leave_memory_and_descriptors_where_they_were(new_service, server,
+                                                                        all_scripts):
+    # At INFO, since a slow build would spend most of its time on the trace.
+    service = new_service({"log4cpp.rootCategory": "INFO, FILE"}).start_up()
+    for _ in range(WARM_UP_ROUNDS):
+        run_round(server)
+    kilobytes, open_files = resident_kilobytes(service), descriptors(service)
+    for _ in range(ROUNDS):
+        run_round(server)
+    assert descriptors(service) == open_files
+    if not is_instrumented(service):
+        # A job that leaked its Lua state, or just its request, would take much more.
+        assert resident_kilobytes(service) - kilobytes < 512
+    server.expect_no_more()
+
+
+def test_broker_that_comes_and_goes_leaves_descriptors_where_they_were(service, broker):
+    open_files = descriptors(service)
+    for _ in range(3 if WRAPPER else 6):
+        mark = broker.mark()
+        broker.kill()
+        broker.start()
+        service.wait_until_subscribed(mark)
+        assert descriptors(service) == open_files
+
+
+def test_deep_and_wide_arguments_leave_no_memory_behind(new_service, server, all_scripts):
+    service = new_service({"log4cpp.rootCategory": "INFO, FILE"}).start_up()
+    deep = 100000
+    wide = msgpack.packb(list(range(1000)) * (5 if WRAPPER else 100))
+    payloads = [b"\x82\xaalua_script\xa6silent\xa4args" + args
+                for args in [b"\x91" * deep + b"\xc0", b"\x81\x01" * deep + b"\xc0", wide]]
+
+    def run_all():
+        for payload in payloads:
+            server.publish("7", payload)
+            assert server.result().payload == b""
+
+    for _ in range(1 if WRAPPER else 3):
+        run_all()
+    kilobytes = resident_kilobytes(service)
+    for _ in range(1 if WRAPPER else 6):
+        run_all()
+    if not is_instrumented(service):
+        assert resident_kilobytes(service) - kilobytes < 8192

@@ -1,0 +1,198 @@
+"""Results survive a connection that is lost, and arrive once.
+
+One loss is left: a PUBREL that is lost on its way. The broker forgets what it had taken but not
+passed on when a clean session ends, and acknowledges the second PUBREL all the same.
+"""
+
+import signal
+
+import pytest
+
+from harness import Server, failure, request
+from scripted_broker import daemon, peer, puback, pubcomp, publish, pubrec, pubrel
+from scripted_job import gated
+from scripted_proxy import Proxy
+
+
+@pytest.fixture
+def proxy(broker):
+    with Proxy(broker) as forwarder:
+        yield forwarder
+
+
+@pytest.fixture
+def service_behind_proxy(broker, proxy, new_service):
+    return new_service({"server_comms.port": proxy.port}).start().wait_until_subscribed()
+
+
+def ask_for_malformed_job(connection):
+    """A request whose result is known beforehand, and comes at once."""
+    connection.send(publish("in/cmd/1", b"\xc1", qos=1, mid=9))
+    connection.expect(puback(9))
+
+
+def expect_nothing_unfinished(peer):
+    """On a further connection the daemon subscribes and resends nothing: the next it sends is the
+    result of a new job."""
+    connection = peer.accept_and_serve()
+    connection.send(publish("in/cmd/2", b"\xc1", qos=1, mid=10))
+    connection.expect(puback(10))
+    connection.acknowledge(connection.result("out/cmd/2", failure("parse error")))
+
+
+@pytest.mark.parametrize("cut", ["finish", "reset"])
+def test_cut_while_the_job_runs(peer, daemon, gated, cut):
+    """The connection ends while a job runs. The result follows on the next one, and only there."""
+    connection = peer.accept_and_serve()
+    connection.send(publish("in/cmd/1", gated.request, qos=1, mid=9))
+    connection.expect(puback(9))
+    gated.wait_until_running()
+    if cut == "finish":
+        connection.half_close()
+    else:
+        connection.reset()
+    gated.open()
+    connection = peer.accept_and_serve()
+    connection.acknowledge(connection.result("out/cmd/1", b"done", dup=True))
+    connection.finish()
+    expect_nothing_unfinished(peer)
+
+
+@pytest.mark.parametrize("cut", ["finish", "reset"])
+def test_cut_before_the_pubrec(peer, daemon, cut):
+    """The broker has the result and ends the connection. It gets the same result again, under the
+    same message id and marked as sent before."""
+    connection = peer.accept_and_serve()
+    ask_for_malformed_job(connection)
+    mid = connection.result("out/cmd/1", failure("parse error"))
+    getattr(connection, cut)()
+    connection = peer.accept_and_serve()
+    assert connection.result("out/cmd/1", failure("parse error"), dup=True) == mid
+    connection.acknowledge(mid)
+    connection.finish()
+    expect_nothing_unfinished(peer)
+
+
+@pytest.mark.parametrize("cut", ["finish", "reset"])
+def test_cut_after_the_pubrec(peer, daemon, cut):
+    """The broker has confirmed the result and ends the connection. It gets the PUBREL again, not
+    the result."""
+    connection = peer.accept_and_serve()
+    ask_for_malformed_job(connection)
+    mid = connection.result("out/cmd/1", failure("parse error"))
+    connection.send(pubrec(mid))
+    connection.expect(pubrel(mid))
+    getattr(connection, cut)()
+    connection = peer.accept_and_serve()
+    connection.expect(pubrel(mid))
+    connection.send(pubcomp(mid))
+    connection.finish()
+    expect_nothing_unfinished(peer)
+
+
+def test_many_cuts_in_a_row(peer, daemon):
+    """Three connections end before the PUBREC and three after it; the fourth of each kind lives."""
+    connection = peer.accept_and_serve()
+    ask_for_malformed_job(connection)
+    mid = connection.result("out/cmd/1", failure("parse error"))
+    for _ in range(3):
+        connection.reset()
+        connection = peer.accept_and_serve()
+        assert connection.result("out/cmd/1", failure("parse error"), dup=True) == mid
+    connection.send(pubrec(mid))
+    connection.expect(pubrel(mid))
+    for _ in range(3):
+        connection.reset()
+        connection = peer.accept_and_serve()
+        connection.expect(pubrel(mid))
+    connection.send(pubcomp(mid))
+    connection.finish()
+    expect_nothing_unfinished(peer)
+
+
+def test_results_made_without_a_connection_arrive_in_order(peer, daemon, gated):
+    """The broker sends fifty requests and its FIN while a job runs. The results are more than
+    libmosquitto has on its way at a time, which is 20."""
+    connection = peer.accept_and_serve()
+    connection.send(publish("in/cmd/0", gated.request, qos=1, mid=9))
+    connection.expect(puback(9))
+    gated.wait_until_running()
+    connection.send(*(publish(f"in/cmd/{job}", b"\xc1") for job in range(1, 51)))
+    connection.half_close()
+    gated.open()
+    connection = peer.accept_and_serve()
+    on_their_way = [connection.result("out/cmd/0", b"done", dup=True)]
+    for job in range(1, 51):
+        if len(on_their_way) == 20:
+            connection.acknowledge(on_their_way.pop(0))
+        on_their_way.append(
+            connection.result(f"out/cmd/{job}", failure("parse error"), dup=job < 20))
+    for mid in on_their_way:
+        connection.acknowledge(mid)
+    connection.finish()
+    expect_nothing_unfinished(peer)
+
+
+def test_broker_stands_still_while_the_job_ends(broker, server, service, gated):
+    """The broker's process is stopped for a while. The connection lives, and so does the result."""
+    server.publish("1", gated.request)
+    gated.wait_until_running()
+    broker.signal(signal.SIGSTOP)
+    try:
+        gated.open()
+        service.wait_for_record("Publishing result  on out/cmd/1")
+    finally:
+        broker.signal(signal.SIGCONT)
+    assert server.result().payload == b"done"
+    server.expect_no_more()
+    assert len(broker.lines("Sending SUBACK to command_service")) == 1
+
+
+def test_proxy_cut_while_the_job_runs(broker, server, proxy, service_behind_proxy, gated):
+    """The same with a real broker behind a proxy: one result, received once and retained."""
+    server.publish("1", gated.request)
+    gated.wait_until_running()
+    mark = broker.mark()
+    proxy.cut()
+    gated.open()
+    service_behind_proxy.wait_until_subscribed(since=mark)
+    result = server.result()
+    assert (result.topic, result.payload) == ("out/cmd/1", b"done")
+    server.expect_no_more()
+    assert server.retained("out/cmd/1").payload == b"done"
+
+
+# What the daemon sends for one job: PUBACK (4 bytes), PUBLISH (20 bytes), then PUBREL.
+@pytest.mark.parametrize("sent", [1, 4, 5, 14, 23, 24])
+def test_proxy_cuts_within_the_daemons_bytes(broker, server, proxy, service_behind_proxy, scripts,
+                                            sent):
+    """The connection breaks when so many bytes of the daemon's answer have passed."""
+    scripts.add("ping", "return 'pong!'")
+    mark = broker.mark()
+    proxy.limit(sent)
+    server.publish("1", request("ping"))
+    service_behind_proxy.wait_until_subscribed(since=mark)
+    result = server.result()
+    assert (result.topic, result.payload) == ("out/cmd/1", b"pong!")
+    server.expect_no_more()
+
+
+def test_broker_is_killed_and_restarted_while_the_job_runs(broker, server, service, gated):
+    """The broker forgets everything. The new one gets the result once, and retains it."""
+    server.publish("1", gated.request)
+    gated.wait_until_running()
+    broker.kill()
+    mark = broker.mark()
+    broker.start()
+    gated.open()
+    service.wait_until_subscribed(since=mark)
+    broker.wait_for("Sending PUBCOMP to command_service", mark)
+    late = Server(broker)
+    try:
+        retained = late.result()
+        assert (retained.topic, retained.payload) == ("out/cmd/1", b"done")
+        late.expect_no_more()
+    finally:
+        late.close()
+    received = broker.lines("Received PUBLISH from command_service", mark)
+    assert len([line for line in received if "'out/cmd/1'" in line]) == 1

@@ -1,0 +1,166 @@
+"""What the daemon's log tells about its connection: each change of its state once, not each attempt.
+"""
+
+import pytest
+
+from harness import Service, request, wait_until
+from scripted_broker import (REFUSED_SUBSCRIPTION, connack, connect, daemon, peer, publish)
+
+
+def about_the_connection(service):
+    """The records of the connection: all of their category behind the two of the start."""
+    records = [record for record in service.records() if record.category == "server_comms"]
+    assert records[0].message == "server comms service starting"
+    assert records[1].message.startswith("Server comms config: ")
+    return [(record.priority, record.message) for record in records[2:]]
+
+
+
+
+def answer(peer, code):
+    """The next attempt is answered with this return code and has ended afterwards."""
+    connection = peer.accept()
+    connection.expect(connect())
+    connection.send(connack(code))
+    connection.finish()
+
+
+def stopped(service):
+    """The connection's records up to the end of the daemon."""
+    service.stop()
+    records = about_the_connection(service)
+    assert records[-1] == ("INFO", "Closing server comms service")
+    return records[:-1]
+
+
+def test_connected_and_lost(peer, daemon):
+    """The broker serves, and ends the connection."""
+    peer.accept_and_serve().finish()
+    peer.accept_and_serve()
+    assert stopped(daemon) == [
+        ("INFO", f"Connected to broker {peer.name}"),
+        ("ERROR", f"Lost the connection to broker {peer.name}. The connection was lost."),
+    ]
+
+
+def test_lost_by_a_protocol_error(peer, daemon):
+    """The broker sends what no broker may."""
+    connection = peer.accept_and_serve()
+    connection.send(b"\x00\x00")
+    connection.finish()
+    peer.accept_and_serve()
+    assert stopped(daemon) == [
+        ("INFO", f"Connected to broker {peer.name}"),
+        ("ERROR", f"Lost the connection to broker {peer.name}. A network protocol error occurred "
+                  "when communicating with the broker."),
+    ]
+
+
+@pytest.mark.parametrize("code, reason", [
+    (1, "Connection Refused: unacceptable protocol version."),
+    (2, "Connection Refused: identifier rejected."),
+    (3, "Connection Refused: broker unavailable."),
+    (4, "Connection Refused: bad user name or password."),
+    (5, "Connection Refused: not authorised."),
+    (6, "Connection Refused: unknown reason."),
+])
+def test_refused(peer, daemon, code, reason):
+    """The broker refuses four attempts for the same reason before it accepts one."""
+    for _ in range(4):
+        answer(peer, code)
+    peer.accept_and_serve()
+    assert stopped(daemon) == [
+        ("ERROR", f"Broker {peer.name} refused the connection. {reason}"),
+        ("INFO", f"Connected to broker {peer.name}"),
+    ]
+
+
+def test_another_reason_is_news(peer, daemon):
+    """The broker refuses for one reason, then for another, then for the first again."""
+    for code in (3, 3, 5, 5, 3):
+        answer(peer, code)
+    peer.accept_and_serve()
+    refused = f"Broker {peer.name} refused the connection. Connection Refused: "
+    assert stopped(daemon) == [
+        ("ERROR", refused + "broker unavailable."),
+        ("ERROR", refused + "not authorised."),
+        ("INFO", f"Connected to broker {peer.name}"),
+    ]
+
+
+def test_closed_without_an_answer(peer, daemon):
+    """The broker takes the connection three times and ends it before the MQTT answer."""
+    for _ in range(3):
+        peer.accept().finish()
+    peer.accept_and_serve()
+    assert stopped(daemon) == [
+        ("ERROR", f"Broker {peer.name} closed the connection without an answer. "
+                  "The connection was lost."),
+        ("INFO", f"Connected to broker {peer.name}"),
+    ]
+
+
+def test_subscription_refused(peer, daemon):
+    """The broker refuses the subscription on two connections and grants it on the third."""
+    for _ in range(2):
+        connection = peer.accept()
+        connection.expect(connect())
+        connection.send(connack())
+        connection.subscribed(granted=REFUSED_SUBSCRIPTION)
+        connection.finish()
+    peer.accept_and_serve()
+    assert stopped(daemon) == [
+        ("INFO", f"Connected to broker {peer.name}"),
+        ("ERROR", f"Broker {peer.name} refused the subscription to in/cmd/+"),
+        ("ERROR", f"Lost the connection to broker {peer.name}. The connection was lost."),
+    ]
+
+
+def test_unreachable_and_back(broker, service):
+    """The broker goes away for some attempts and comes back. It is named by host and port."""
+    name = f"{broker.host}:{broker.port}"
+    broker.kill()
+    service.wait_for_record(f"Couldn't reach broker {name}. Connection refused")
+    mark = broker.mark()
+    broker.start()
+    service.wait_until_subscribed(since=mark)
+    assert stopped(service) == [
+        ("INFO", f"Connected to broker {name}"),
+        ("ERROR", f"Lost the connection to broker {name}. The connection was lost."),
+        ("ERROR", f"Couldn't reach broker {name}. Connection refused"),
+    ]
+
+
+def test_unreachable_unix_socket_is_named_by_its_path(tmp_path):
+    """There is no socket with the configured path."""
+    path = f"{tmp_path}/missing"
+    service = Service(tmp_path / "daemon", settings={"server_comms.host": path,
+                                                     "server_comms.port": 0})
+    try:
+        service.start()
+        service.wait_for_record(f"Couldn't reach broker {path}")
+        assert stopped(service) == [
+            ("ERROR", f"Couldn't reach broker {path}. No such file or directory")]
+    finally:
+        service.finish()
+
+
+def test_same_story_is_news_again_after_a_connection_that_lived(peer, daemon):
+    """A refused attempt, a short connection and one that lives for over 5 s; then all of it again.
+
+    Once a connection has lived, the log must end with the good news, and what happens next is
+    told anew.
+    """
+    connected = ("INFO", f"Connected to broker {peer.name}")
+    lost = ("ERROR", f"Lost the connection to broker {peer.name}. The connection was lost.")
+    refused = ("ERROR", f"Broker {peer.name} refused the connection. "
+                        "Connection Refused: not authorised.")
+    answer(peer, 5)
+    peer.accept_and_serve().finish()
+    connection = peer.accept_and_serve()
+    wait_until(lambda: about_the_connection(daemon) == [refused, connected, lost, connected],
+               lambda: f"the second good news: {about_the_connection(daemon)}")
+    connection.finish()
+    answer(peer, 5)
+    peer.accept_and_serve()
+    assert stopped(daemon) == [refused, connected, lost, connected, lost, refused]

@@ -1,0 +1,60 @@
+#include "support/loopback_connection.h"
+
+#include <arpa/inet.h>
+#include <netinet/in.h>
+#include <poll.h>
+#include <sys/socket.h>
+#include <unistd.h>
+
+#include <stdexcept>
+
+namespace {
+
+int require(int result, const char* what)
+{
+    if (result < 0) {
+        throw std::runtime_error(std::string("test set-up failed: ") + what);
+    }
+    return result;
+}
+
+}  // namespace
+
+LoopbackConnection::LoopbackConnection()
+{
+    const int listener = require(::socket(AF_INET, SOCK_STREAM, 0), "socket");
+    sockaddr_in address = {};
+    address.sin_family = AF_INET;
+    address.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
+    sockaddr* const any = reinterpret_cast<sockaddr*>(&address);
+    socklen_t length = sizeof address;
+    require(bind(listener, any, length), "bind");
+    require(listen(listener, 1), "listen");
+    require(getsockname(listener, any, &length), "getsockname");
+    _near = require(::socket(AF_INET, SOCK_STREAM, 0), "socket");
+    require(connect(_near, any, length), "connect");
+    _far = require(accept(listener, nullptr, nullptr), "accept");
+    close(listener);
+}
+
+LoopbackConnection::~LoopbackConnection()
+{
+    close(_near);
+    close(_far);
+}
+
+void LoopbackConnection::send_from_peer(const std::string& bytes)
+{
+    require(static_cast<int>(send(_far, bytes.data(), bytes.size(), 0)), "send");
+    pollfd readable = {};
+    readable.fd = _near;
+    readable.events = POLLIN;
+    const timespec deadline = {20, 0};
+    // Not poll(), which a VirtualClock replaces.
+    require(ppoll(&readable, 1, &deadline, nullptr) - 1, "receive");
+}
+
+bool LoopbackConnection::is_open() const
+{
+    return send(_near, "x", 1, MSG_NOSIGNAL) == 1;
+}

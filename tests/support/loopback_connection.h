@@ -1,0 +1,23 @@
+#pragma once
+
+#include <string>
+
+/// A TCP connection within this process, over the loopback interface.
+class LoopbackConnection {
+public:
+    LoopbackConnection();
+    ~LoopbackConnection();
+    LoopbackConnection(const LoopbackConnection&) = delete;
+    LoopbackConnection& operator=(const LoopbackConnection&) = delete;
+
+    /// The client's end.
+    int socket() const { return _near; }
+    /// Returns once the client's end is readable.
+    void send_from_peer(const std::string& bytes);
+    /// Whether the client's end can still send.
+    bool is_open() const;
+
+private:
+    int _near;
+    int _far;
+};
