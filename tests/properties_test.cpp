@@ -2,11 +2,13 @@
 
 #include <gtest/gtest.h>
 
+#include <cerrno>
 #include <log4cpp/Category.hh>
 #include <log4cpp/PropertyConfigurator.hh>
 #include <optional>
 #include <random>
 
+#include "support/failing_calls.h"
 #include "support/log_capture.h"
 #include "support/temp_dir.h"
 
@@ -220,6 +222,18 @@ TEST_F(PropertiesTest, AFileThatCannotBeReadLeavesNothingBehind)
         EXPECT_EQ("(missing)", value("d"));
         EXPECT_EQ(99, props.getInt("a", 99));
     }
+}
+
+TEST_F(PropertiesTest, AReadErrorBehindGoodLinesLeavesNothingBehind)
+{
+    const std::string path = dir.write("service.properties", "a=b\nc=d\n");
+    {
+        const failing_calls::Read failing(EIO, 4);
+        EXPECT_FALSE(props.load(path.c_str()));
+    }
+    EXPECT_EQ("(missing)", value("a"));
+    EXPECT_TRUE(props.load(path.c_str()));
+    EXPECT_EQ("b", value("a"));
 }
 
 TEST_F(PropertiesTest, CanBeLoadedAfterAFailure)

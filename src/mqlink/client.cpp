@@ -107,7 +107,9 @@ int Client::loop(int timeout_ms, int max_packets)
     if (socket() != -1 && !wait_for_socket(timeout_ms)) {
         return MOSQ_ERR_SUCCESS;
     }
-    return mosquittopp::loop(timeout_ms, max_packets);
+    const int rc = mosquittopp::loop(timeout_ms, max_packets);
+    // Its complaint about descriptors that select(2) cannot take comes even without a connection.
+    return rc == MOSQ_ERR_INVAL && socket() == -1 ? MOSQ_ERR_NO_CONN : rc;
 }
 
 int Client::publish(int* mid, const char* topic, int payloadlen, const void* payload, int qos,
@@ -263,7 +265,8 @@ void Client::settle_if_due()
     _pause = milliseconds(0);
     _told.clear();
     if (!_told_up) {
-        _told_up = tell(log4cpp::Priority::INFO, connected_text());
+        log.info("%s", connected_text().c_str());
+        _told_up = true;
     }
 }
 

@@ -2,17 +2,7 @@
 
 import os
 
-import pytest
-
 from harness import request, wait_until
-
-
-@pytest.fixture
-def gated(scripts):
-    """A GatedJob. Name it after the daemon's fixture, so that it ends before the daemon has to."""
-    job = GatedJob(scripts)
-    yield job
-    job.abandon()
 
 
 class GatedJob:

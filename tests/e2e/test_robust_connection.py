@@ -9,10 +9,10 @@ import tempfile
 import pytest
 
 from harness import Broker, Server, request
-from scripted_broker import (DISCONNECT, connack, connect, puback, publish, suback, subscribe,
-                             daemon, peer)
-from scripted_job import gated
+from scripted_broker import DISCONNECT, connack, connect, puback, publish, suback, subscribe
 from scripted_proc import connection_to, is_close_on_exec
+
+pytest_plugins = ["scripted_fixtures"]
 
 
 def run_job(connection, job_id="1"):

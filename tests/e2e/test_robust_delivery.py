@@ -9,9 +9,10 @@ import signal
 import pytest
 
 from harness import Server, failure, request
-from scripted_broker import daemon, peer, puback, pubcomp, publish, pubrec, pubrel
-from scripted_job import gated
+from scripted_broker import puback, pubcomp, publish, pubrec, pubrel
 from scripted_proxy import Proxy
+
+pytest_plugins = ["scripted_fixtures"]
 
 
 @pytest.fixture

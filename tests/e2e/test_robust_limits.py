@@ -8,8 +8,10 @@ import pytest
 
 import harness
 from harness import Service, request
-from scripted_broker import (DISCONNECT, connack, connect, daemon, peer, puback, publish, suback)
+from scripted_broker import DISCONNECT, connack, connect, puback, publish, suback
 from scripted_proc import processor_time
+
+pytest_plugins = ["scripted_fixtures"]
 
 # Opens descriptors up to a number and becomes another command.
 CROWDED = """
@@ -41,7 +43,7 @@ def test_no_descriptor_left(peer, daemon, scripts):
     run_job(peer.accept_and_serve())
 
 
-@pytest.mark.parametrize("last_taken", [*range(1014, 1025), 1100])
+@pytest.mark.parametrize("last_taken", [*range(1017, 1025), 1100])
 def test_descriptors_about_the_reach_of_select(tmp_path, peer, scripts, monkeypatch, last_taken):
     """The daemon inherits so many descriptors that its own get numbers about or above 1023, the
     last that libmosquitto can wait for. Either it serves, or it says so and tries again in peace.

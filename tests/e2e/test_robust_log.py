@@ -1,20 +1,11 @@
-"""What the daemon's log tells about its connection: each change of its state once, not each attempt.
-"""
+"""What the log tells about the connection: each change of its state once, not each attempt."""
 
 import pytest
 
 from harness import Service, request, wait_until
-from scripted_broker import (REFUSED_SUBSCRIPTION, connack, connect, daemon, peer, publish)
+from scripted_broker import REFUSED_SUBSCRIPTION, connack, connect, connection_records, publish
 
-
-def about_the_connection(service):
-    """The records of the connection: all of their category behind the two of the start."""
-    records = [record for record in service.records() if record.category == "server_comms"]
-    assert records[0].message == "server comms service starting"
-    assert records[1].message.startswith("Server comms config: ")
-    return [(record.priority, record.message) for record in records[2:]]
-
-
+pytest_plugins = ["scripted_fixtures"]
 
 
 def answer(peer, code):
@@ -28,7 +19,7 @@ def answer(peer, code):
 def stopped(service):
     """The connection's records up to the end of the daemon."""
     service.stop()
-    records = about_the_connection(service)
+    records = connection_records(service)
     assert records[-1] == ("INFO", "Closing server comms service")
     return records[:-1]
 
@@ -53,6 +44,19 @@ def test_lost_by_a_protocol_error(peer, daemon):
         ("INFO", f"Connected to broker {peer.name}"),
         ("ERROR", f"Lost the connection to broker {peer.name}. A network protocol error occurred "
                   "when communicating with the broker."),
+    ]
+
+
+def test_lost_within_a_packet(peer, daemon):
+    """The broker's last packet breaks off; errno has nothing to say about that."""
+    connection = peer.accept_and_serve()
+    connection.send(publish("in/cmd/1", request("ping"))[:-1])
+    connection.wait_until_read()
+    connection.finish()
+    peer.accept_and_serve()
+    assert stopped(daemon) == [
+        ("INFO", f"Connected to broker {peer.name}"),
+        ("ERROR", f"Lost the connection to broker {peer.name}. The connection was lost."),
     ]
 
 
@@ -131,16 +135,22 @@ def test_unreachable_and_back(broker, service):
     ]
 
 
-def test_unreachable_unix_socket_is_named_by_its_path(tmp_path):
-    """There is no socket with the configured path."""
-    path = f"{tmp_path}/missing"
-    service = Service(tmp_path / "daemon", settings={"server_comms.host": path,
-                                                     "server_comms.port": 0})
+@pytest.mark.parametrize("host, port, name, reason", [
+    ("/nowhere/broker", 0, "/nowhere/broker", "No such file or directory"),
+    ("localhost", 0, "localhost", "No such file or directory"),  # with port 0 this is a path too
+    ("127.0.0.1", -1, "127.0.0.1:-1", "Invalid function arguments provided."),
+    ("127.0.0.1", 65536, "127.0.0.1:65536", "Invalid function arguments provided."),
+    ("", 1883, ":1883", "Lookup error."),
+])
+def test_address_that_leads_nowhere(tmp_path, host, port, name, reason):
+    """The address is the library's to judge. The daemon names it, keeps trying, and can be
+    stopped."""
+    service = Service(tmp_path / "daemon", settings={"server_comms.host": host,
+                                                     "server_comms.port": port})
     try:
         service.start()
-        service.wait_for_record(f"Couldn't reach broker {path}")
-        assert stopped(service) == [
-            ("ERROR", f"Couldn't reach broker {path}. No such file or directory")]
+        service.wait_for_record("Couldn't reach broker")
+        assert stopped(service) == [("ERROR", f"Couldn't reach broker {name}. {reason}")]
     finally:
         service.finish()
 
@@ -158,9 +168,9 @@ def test_same_story_is_news_again_after_a_connection_that_lived(peer, daemon):
     answer(peer, 5)
     peer.accept_and_serve().finish()
     connection = peer.accept_and_serve()
-    wait_until(lambda: about_the_connection(daemon) == [refused, connected, lost, connected],
-               lambda: f"the second good news: {about_the_connection(daemon)}")
+    wait_until(lambda: connection_records(daemon) == [refused, connected, lost, connected],
+               lambda: f"the second good news: {connection_records(daemon)}")
     connection.finish()
     answer(peer, 5)
     peer.accept_and_serve()
-    assert stopped(daemon) == [refused, connected, lost, connected, lost, refused]
+    assert stopped(daemon) == [refused, connected, lost, connected, lost, refused, connected]

@@ -7,9 +7,10 @@ import time
 import pytest
 
 from harness import Service, request, wait_until
-from scripted_broker import (DISCONNECT, daemon, peer, puback, pubcomp, publish, pubrec, pubrel)
-from scripted_job import gated
+from scripted_broker import DISCONNECT, puback, pubcomp, publish, pubrec, pubrel
 from scripted_network import Cable, missing, on_host
+
+pytest_plugins = ["scripted_fixtures"]
 
 
 def start_job(connection, gated, job_id="1", mid=9):

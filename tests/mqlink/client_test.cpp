@@ -243,6 +243,23 @@ TEST_F(ClientStartTest, AUnixSocketIsKeptFromChildrenAndOtherwiseLeftAlone)
     close(ends[1]);
 }
 
+TEST_F(ClientStartTest, ADescriptorThatSelectCannotTakeCountsAsUnreachable)
+{
+    // libmosquitto's loop would return MOSQ_ERR_INVAL for ever on such a connection.
+    build();
+    fake_mosquitto.socket = 1024;
+    EXPECT_EQ(MOSQ_ERR_NO_CONN, start());
+    EXPECT_EQ((Calls{"connect localhost 1883 keepalive 0", "disconnect"}), fake_mosquitto.calls);
+    EXPECT_EQ(
+        Records{"ERROR broker_log: Couldn't reach broker localhost:1883. Too many open files"},
+        take_log());
+    fake_mosquitto.calls.clear();
+    fake_mosquitto.socket = 1023;
+    EXPECT_EQ(MOSQ_ERR_SUCCESS, start());
+    EXPECT_EQ(Calls{"connect localhost 1883 keepalive 0"}, fake_mosquitto.calls);
+    fake_mosquitto.socket = -1;
+}
+
 using ClientPaceTest = ClientTest;
 
 TEST_F(ClientPaceTest, TheTimeBetweenAttemptsGrowsFrom10MsTo1S)
@@ -427,13 +444,34 @@ TEST(ClientRealTimeTest, ThePaceHoldsAndSignalsEndTheWait)
     EXPECT_GE(std::chrono::steady_clock::now() - begin, 10ms + 20ms + 40ms + 80ms + 160ms + 320ms);
     EXPECT_EQ(7, fake_mosquitto.count("connect"));
     {
-        // The next wait is of 640 ms; the signals come sooner and again and again.
+        // The next wait is of 640 ms; the signals come sooner, again and again. On a machine that
+        // stalls for so long the wait is over before it begins, and the next attempt has to tell.
         const RepeatedSignal signal;
-        EXPECT_EQ(MOSQ_ERR_NO_CONN, client.start("localhost", 1883));
+        int attempts = 7;
+        int status = MOSQ_ERR_SUCCESS;
+        while (status == MOSQ_ERR_SUCCESS && attempts < 20) {
+            attempts = fake_mosquitto.count("connect");
+            status = client.start("localhost", 1883);
+        }
+        EXPECT_EQ(MOSQ_ERR_NO_CONN, status);
+        EXPECT_EQ(attempts, fake_mosquitto.count("connect"));
     }
-    EXPECT_EQ(7, fake_mosquitto.count("connect"));
     EXPECT_EQ(MOSQ_ERR_SUCCESS, client.start("localhost", 1883));
     EXPECT_GE(std::chrono::steady_clock::now() - begin, 630ms + 640ms);
+}
+
+TEST(ClientRealTimeTest, TheEndWaitsForAcknowledgements)
+{
+    fake_mosquitto = FakeMosquitto();
+    const LoopbackConnection connection;
+    fake_mosquitto.socket = connection.socket();
+    std::optional<Client> client;
+    client.emplace(ClientSessionOptions{"an_id", true, true}, "broker_log");
+    client->publish(nullptr, "out/cmd/7", 3, "abc", 2, true);
+    const auto begin = std::chrono::steady_clock::now();
+    client.reset();
+    EXPECT_GE(std::chrono::steady_clock::now() - begin, 1900ms);
+    EXPECT_EQ(1, fake_mosquitto.count("disconnect"));
 }
 
 using ClientSubscriptionTest = ClientTest;
@@ -924,20 +962,6 @@ TEST_F(ClientEndTest, ABusyConnectionDoesNotProlongTheEnd)
     EXPECT_EQ(
         Records{"ERROR broker_log: 1 messages were not acknowledged by the broker and may be lost"},
         capture.records());
-}
-
-TEST(ClientRealTimeTest, TheEndWaitsForAcknowledgements)
-{
-    fake_mosquitto = FakeMosquitto();
-    const LoopbackConnection connection;
-    fake_mosquitto.socket = connection.socket();
-    std::optional<Client> client;
-    client.emplace(ClientSessionOptions{"an_id", true, true}, "broker_log");
-    client->publish(nullptr, "out/cmd/7", 3, "abc", 2, true);
-    const auto begin = std::chrono::steady_clock::now();
-    client.reset();
-    EXPECT_GE(std::chrono::steady_clock::now() - begin, 1900ms);
-    EXPECT_EQ(1, fake_mosquitto.count("disconnect"));
 }
 
 TEST_F(ClientEndTest, ASignalDoesNotEndTheDelivery)
@@ -1448,23 +1472,6 @@ TEST_F(ClientLoopTest, ASignalEndsTheWaitOfTheLoop)
     EXPECT_EQ(MOSQ_ERR_SUCCESS, client->loop(1000, 1));
     EXPECT_EQ(300ms, clock.elapsed());
     EXPECT_EQ(Calls(), fake_mosquitto.calls);
-}
-
-TEST_F(ClientLoopTest, ADescriptorThatSelectCannotTakeCountsAsUnreachable)
-{
-    // libmosquitto's loop would return MOSQ_ERR_INVAL for ever on such a connection.
-    build();
-    fake_mosquitto.socket = 1024;
-    EXPECT_EQ(MOSQ_ERR_NO_CONN, start());
-    EXPECT_EQ((Calls{"connect localhost 1883 keepalive 0", "disconnect"}), fake_mosquitto.calls);
-    EXPECT_EQ(
-        Records{"ERROR broker_log: Couldn't reach broker localhost:1883. Too many open files"},
-        take_log());
-    fake_mosquitto.calls.clear();
-    fake_mosquitto.socket = 1023;
-    EXPECT_EQ(MOSQ_ERR_SUCCESS, start());
-    EXPECT_EQ(Calls{"connect localhost 1883 keepalive 0"}, fake_mosquitto.calls);
-    fake_mosquitto.socket = -1;
 }
 
 TEST_F(ClientLoopTest, ABrokerThatDoesNotAnswerFor30SIsGivenUp)

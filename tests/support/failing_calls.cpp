@@ -1,12 +1,17 @@
 #include "support/failing_calls.h"
 
 #include <dirent.h>
+#include <sys/syscall.h>
+#include <unistd.h>
 
+#include <algorithm>
 #include <cerrno>
 #include <lua.hpp>
 
 namespace {
 
+int read_error = 0;
+std::size_t read_bytes = 0;
 int readdir_error = 0;
 int readdir_entries = 0;
 bool newstate_fails = false;
@@ -20,6 +25,19 @@ dirent* __real_readdir64(DIR* directory);
 dirent* __wrap_readdir64(DIR* directory);
 lua_State* __real_luaL_newstate();
 lua_State* __wrap_luaL_newstate();
+
+ssize_t read(int descriptor, void* buffer, size_t size)
+{
+    if (read_error != 0) {
+        if (read_bytes == 0) {
+            errno = read_error;
+            return -1;
+        }
+        size = std::min(size, read_bytes);
+        read_bytes -= size;
+    }
+    return syscall(SYS_read, descriptor, buffer, size);
+}
 
 dirent* __wrap_readdir64(DIR* directory)
 {
@@ -38,6 +56,17 @@ lua_State* __wrap_luaL_newstate()
 }  // extern "C"
 
 namespace failing_calls {
+
+Read::Read(int error, unsigned long bytes)
+{
+    read_error = error;
+    read_bytes = bytes;
+}
+
+Read::~Read()
+{
+    read_error = 0;
+}
 
 Readdir::Readdir(int error, int entries)
 {

@@ -1,8 +1,17 @@
 #pragma once
 
 /// C functions that cannot be made to fail otherwise. A binary that uses this links with
-/// --wrap for each of them.
+/// --wrap=readdir64 and --wrap=luaL_newstate; read() is defined here, for the C++ library to find.
 namespace failing_calls {
+
+/// While it lives, read() fails with `error` after `bytes` bytes were read.
+class Read {
+public:
+    Read(int error, unsigned long bytes);
+    ~Read();
+    Read(const Read&) = delete;
+    Read& operator=(const Read&) = delete;
+};
 
 /// While it lives, readdir fails with `error` after `entries` entries were read.
 class Readdir {
