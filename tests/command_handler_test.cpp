@@ -551,6 +551,18 @@ TEST_F(CommandHandlerTest, ARefusedPublishIsLoggedAndNotRepeated)
     }
 }
 
+TEST_F(CommandHandlerTest, EverythingPublishedIsWaitedForAtTheEnd)
+{
+    receive("7", request_for("ping"));
+    receive("8", "\xc1");
+    receive("9", "");
+    capture.clear();
+    client.reset();
+    EXPECT_EQ(Records{"ERROR broker_log: 3 messages were not acknowledged by the broker and may "
+                      "be lost"},
+              capture.records());
+}
+
 TEST_F(CommandHandlerTest, AnythingButAStandardExceptionLeavesOnMessage)
 {
     fake_mosquitto.publish = []() -> int { throw 42; };

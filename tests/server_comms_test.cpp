@@ -9,6 +9,7 @@
 
 #include "support/fake_mosquittopp.h"
 #include "support/log_capture.h"
+#include "support/loopback_connection.h"
 #include "support/temp_dir.h"
 #include "support/virtual_clock.h"
 
@@ -288,6 +289,9 @@ TEST_F(ServerCommsTest, RequestsAreHandledInsideTheLoop)
 
 TEST_F(ServerCommsTest, OnlyALostOrMissingConnectionIsStartedAgain)
 {
+    LoopbackConnection connection;
+    fake_mosquitto.socket = connection.socket();
+    connection.send_from_peer("x");
     for (int status = -4; status <= 31; ++status) {
         SCOPED_TRACE(status);
         const bool starts_again = status == 4 || status == 7;

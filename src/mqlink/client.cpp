@@ -109,7 +109,7 @@ int Client::loop(int timeout_ms, int max_packets)
     }
     const int rc = mosquittopp::loop(timeout_ms, max_packets);
     // Its complaint about descriptors that select(2) cannot take comes even without a connection.
-    return rc == MOSQ_ERR_INVAL && socket() == -1 ? MOSQ_ERR_NO_CONN : rc;
+    return rc == MOSQ_ERR_INVAL && _link == Link::down ? MOSQ_ERR_NO_CONN : rc;
 }
 
 int Client::publish(int* mid, const char* topic, int payloadlen, const void* payload, int qos,

@@ -206,6 +206,13 @@ TEST_F(ScriptDirectoryTest, AnEarlierErrorIsNotTakenForAReadError)
     ASSERT_TRUE(directory.open(scripts.path().c_str()));
     errno = EIO;
     EXPECT_EQ("untouched", found("none.lua"));
+
+    // Of a removed directory not even "." is left to read.
+    const std::string removed = scripts.make_dir("removed");
+    ASSERT_TRUE(directory.open(removed.c_str()));
+    std::filesystem::remove(removed);
+    errno = EIO;
+    EXPECT_EQ("untouched", found("none.lua"));
     EXPECT_EQ(Records(), capture.records());
 }
 

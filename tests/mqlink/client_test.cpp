@@ -1414,18 +1414,42 @@ TEST_F(ClientLogTest, ARefusedSubscriptionIsLoggedAgainOnlyAfterASettledConnecti
 
 using ClientLoopTest = ClientTest;
 
+TEST_F(ClientLoopTest, DescriptorsOutOfReachCountAsNoConnection)
+{
+    // The library's loop says INVAL when its descriptors are above select's reach, also when there
+    // is no connection, and an event loop that waits for NO_CONN would spin for ever.
+    build();
+    fake_mosquitto.loop = [] { return MOSQ_ERR_INVAL; };
+    fake_mosquitto.connect = [] { return MOSQ_ERR_ERRNO; };
+    start();
+    EXPECT_EQ(MOSQ_ERR_NO_CONN, client->loop(1000, 1));
+}
+
 TEST_F(ClientLoopTest, LoopPassesItsArgumentsAndItsStatusOn)
 {
     build();
-    for (const int status :
-         {MOSQ_ERR_SUCCESS, MOSQ_ERR_CONN_LOST, MOSQ_ERR_NO_CONN, MOSQ_ERR_ERRNO, MOSQ_ERR_INVAL}) {
+    come_up();
+    LoopbackConnection connection;
+    fake_mosquitto.socket = connection.socket();
+    connection.send_from_peer("x");
+    for (int status = -4; status <= 31; ++status) {
         fake_mosquitto.loop = [status] { return status; };
         EXPECT_EQ(status, client->loop(1000, 1));
     }
-    client->loop(-1, 20);
-    EXPECT_EQ((Calls{"loop 1000 1", "loop 1000 1", "loop 1000 1", "loop 1000 1", "loop 1000 1",
-                     "loop -1 20"}),
-              fake_mosquitto.calls);
+    fake_mosquitto.calls.clear();
+    client->loop(1000, 1);
+    client->loop(250, 20);
+    EXPECT_EQ((Calls{"loop 1000 1", "loop 250 20"}), fake_mosquitto.calls);
+}
+
+TEST_F(ClientLoopTest, AComplaintAboutDescriptorsWithoutAConnectionReadsAsNoConnection)
+{
+    // The owner starts again on MOSQ_ERR_NO_CONN; on MOSQ_ERR_INVAL it would loop without a pause.
+    build();
+    for (int status = -4; status <= 31; ++status) {
+        fake_mosquitto.loop = [status] { return status; };
+        EXPECT_EQ(status == MOSQ_ERR_INVAL ? MOSQ_ERR_NO_CONN : status, client->loop(1000, 1));
+    }
 }
 
 TEST_F(ClientLoopTest, LoopWaitsForTheSocketItself)

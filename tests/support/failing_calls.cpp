@@ -45,7 +45,11 @@ dirent* __wrap_readdir64(DIR* directory)
         errno = readdir_error;
         return nullptr;
     }
-    return __real_readdir64(directory);
+    dirent* entry = __real_readdir64(directory);
+    if (entry != nullptr) {
+        errno = ENOTTY;  // POSIX leaves open what a call that succeeded does to it
+    }
+    return entry;
 }
 
 lua_State* __wrap_luaL_newstate()
