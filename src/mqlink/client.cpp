@@ -80,8 +80,6 @@ int Client::start(const char* host, int port)
         return MOSQ_ERR_NO_CONN;
     }
     _broker = port == 0 ? host : host + (":" + std::to_string(port));
-    _link = Link::opening;
-    _link_since = Clock::now();
     const int rc = connect(host, port, mqtt_keepalive);
     if (rc != MOSQ_ERR_SUCCESS) {
         tell_down("Couldn't reach broker " + _broker + ". " + reason(rc));
@@ -93,6 +91,8 @@ int Client::start(const char* host, int port)
         return MOSQ_ERR_NO_CONN;
     }
     set_socket_options();
+    _link = Link::opening;
+    _link_since = Clock::now();  // not before connect(), which may take minutes
     return rc;
 }
 

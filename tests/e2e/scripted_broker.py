@@ -40,8 +40,8 @@ def connect(client_id="command_service", clean_session=True, keepalive=0):
                   + utf8(client_id))
 
 
-def connack(code=ACCEPTED, session_present=0):
-    return packet(0x20, bytes([session_present, code]))
+def connack(code=ACCEPTED):
+    return packet(0x20, bytes([0, code]))
 
 
 def subscribe(mid, topic_filter="in/cmd/+", qos=1):

@@ -186,7 +186,7 @@ def test_float_64_arrives_in_single_precision(described, args, expected):
     (b"\xc4\x02\x00\x01", "string '0001'"),
     (b"\xc5\x00\x02\x00\x01", "string '0001'"),
     (b"\xc6\x00\x00\x00\x02\x00\x01", "string '0001'"),
-    (b"\xa112", "string '31'"),
+    (b"\xa212", "string '3132'"),
 ]))
 def test_str_and_bin_become_strings_of_the_same_bytes(described, args, expected):
     assert described(args) == expected
