@@ -1420,17 +1420,6 @@ TEST_F(ClientLogTest, ARefusedSubscriptionIsLoggedAgainOnlyAfterASettledConnecti
 
 using ClientLoopTest = ClientTest;
 
-TEST_F(ClientLoopTest, DescriptorsOutOfReachCountAsNoConnection)
-{
-    // The library's loop says INVAL when its descriptors are above select's reach, also when there
-    // is no connection, and an event loop that waits for NO_CONN would spin for ever.
-    build();
-    fake_mosquitto.loop = [] { return MOSQ_ERR_INVAL; };
-    fake_mosquitto.connect = [] { return MOSQ_ERR_ERRNO; };
-    start();
-    EXPECT_EQ(MOSQ_ERR_NO_CONN, client->loop(1000, 1));
-}
-
 TEST_F(ClientLoopTest, LoopPassesItsArgumentsAndItsStatusOn)
 {
     build();
@@ -1448,14 +1437,25 @@ TEST_F(ClientLoopTest, LoopPassesItsArgumentsAndItsStatusOn)
     EXPECT_EQ((Calls{"loop 1000 1", "loop 250 20"}), fake_mosquitto.calls);
 }
 
-TEST_F(ClientLoopTest, AComplaintAboutDescriptorsWithoutAConnectionReadsAsNoConnection)
+TEST_F(ClientLoopTest, DescriptorsOutOfReachCountAsNoConnection)
 {
-    // The owner starts again on MOSQ_ERR_NO_CONN; on MOSQ_ERR_INVAL it would loop without a pause.
+    // The library's loop says INVAL when its descriptors are above select's reach, also when there
+    // is no connection, and an event loop that waits for NO_CONN would spin for ever.
     build();
-    for (int status = -4; status <= 31; ++status) {
-        fake_mosquitto.loop = [status] { return status; };
-        EXPECT_EQ(status == MOSQ_ERR_INVAL ? MOSQ_ERR_NO_CONN : status, client->loop(1000, 1));
-    }
+    const auto expect_statuses = [this] {
+        for (int status = -4; status <= 31; ++status) {
+            fake_mosquitto.loop = [status] { return status; };
+            EXPECT_EQ(status == MOSQ_ERR_INVAL ? MOSQ_ERR_NO_CONN : status, client->loop(1000, 1));
+        }
+    };
+    expect_statuses();
+    fake_mosquitto.connect = [] { return MOSQ_ERR_ERRNO; };
+    start();
+    expect_statuses();
+    fake_mosquitto.connect = FakeMosquitto::success;
+    come_up();
+    library().on_disconnect(MOSQ_ERR_CONN_LOST);
+    expect_statuses();
 }
 
 TEST_F(ClientLoopTest, LoopWaitsForTheSocketItself)
@@ -1551,6 +1551,24 @@ TEST_F(ClientLoopTest, AnAttemptThatFailedIsNotGivenUpLater)
     clock.advance(1h);
     client->loop(1000, 1);
     EXPECT_EQ(Records(), take_log());
+}
+
+TEST_F(ClientLoopTest, The30SBeginWhenTheConnectionIsOpen)
+{
+    build();
+    fake_mosquitto.connect = [this] {
+        clock.advance(2min);  // one address after the other
+        return MOSQ_ERR_SUCCESS;
+    };
+    start();
+    clock.advance(30s);
+    client->loop(1000, 1);
+    EXPECT_EQ(Records(), take_log());
+    clock.advance(1ms);
+    client->loop(1000, 1);
+    EXPECT_EQ(Records{"ERROR broker_log: Broker localhost:1883 did not answer the connection "
+                      "request"},
+              take_log());
 }
 
 TEST_F(ClientLoopTest, EachAttemptHasItsOwn30S)
