@@ -4,7 +4,7 @@ import struct
 
 import pytest
 
-from harness import failure, request
+from harness import failure
 
 # Returns the type and the exact value of the global `args` as text. Strings in hexadecimal, tables
 # with their number keys in order, then the other keys, sorted by their text.
