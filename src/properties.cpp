@@ -31,21 +31,21 @@ std::string without_logging_prefix(const std::string& key)
 
 bool cProperties::load(const char* path)
 {
-    _values.clear();
+    clear();
     std::ifstream file(path);
     if (!file) {
         return false;
     }
     std::string line;
-    while (std::getline(file, line)) {
+    for (int number = 1; std::getline(file, line); ++number) {
         if (line.find('\0') != std::string::npos) {
-            _values.clear();
+            clear();
             return false;
         }
-        parse_line(line);
+        parse_line(number, line);
     }
     if (file.bad()) {  // a directory opens, but cannot be read
-        _values.clear();
+        clear();
         return false;
     }
     return true;
@@ -70,16 +70,27 @@ int cProperties::getInt(const char* key, int default_value) const
     return static_cast<int>(value);
 }
 
-void cProperties::parse_line(const std::string& line)
+void cProperties::clear()
 {
-    const std::string text = line.substr(0, line.find('#'));
+    _values.clear();
+    _lines.clear();
+}
+
+void cProperties::parse_line(int number, const std::string& line)
+{
+    const std::string text = trim(line.substr(0, line.find('#')));
     const std::size_t equals = text.find('=');
     if (equals == std::string::npos) {
+        if (!text.empty()) {
+            _lines.push_back({number, false, "", ""});
+        }
         return;
     }
     const std::string key = without_logging_prefix(trim(text.substr(0, equals)));
+    const std::string value = substitute_variables(trim(text.substr(equals + 1)));
+    _lines.push_back({number, true, key, value});
     // emplace leaves an earlier entry alone: the first of two equal keys wins.
-    _values.emplace(key, substitute_variables(trim(text.substr(equals + 1))));
+    _values.emplace(key, value);
 }
 
 /// Replaces each ${NAME} by the environment's value, else by an earlier key's, else by nothing.

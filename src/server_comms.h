@@ -31,7 +31,7 @@ public:
     mqlink::Client setup_client();
 
     /// Splits at each ':' and ends every entry in '/'; null gives an empty list.
-    std::vector<std::string> parse_search_dirs(const char* search_dirs_str);
+    static std::vector<std::string> parse_search_dirs(const char* search_dirs_str);
 
     /// A thread start routine that calls start() on `instance`, a communicator. The service itself
     /// runs start() on its main thread and does not use this.

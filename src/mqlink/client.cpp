@@ -112,13 +112,18 @@ int Client::loop(int timeout_ms, int max_packets)
     return rc == MOSQ_ERR_INVAL && _link == Link::down ? MOSQ_ERR_NO_CONN : rc;
 }
 
+bool Client::fitsPacket(const char* topic, int payloadlen)
+{
+    return payloadlen <=
+           max_remaining_length - packet_overhead - static_cast<int>(std::strlen(topic));
+}
+
 int Client::publish(int* mid, const char* topic, int payloadlen, const void* payload, int qos,
                     bool retain)
 {
     // The library itself lets a few bytes more pass, finds that the packet exceeds MQTT's limit,
     // and keeps it for good.
-    if (payloadlen >
-        max_remaining_length - packet_overhead - static_cast<int>(std::strlen(topic))) {
+    if (!fitsPacket(topic, payloadlen)) {
         return MOSQ_ERR_PAYLOAD_SIZE;
     }
     const int rc = mosquittopp::publish(mid, topic, payloadlen, payload, qos, retain);

@@ -54,26 +54,31 @@ public:
     /// broker that took the connection and has not answered the MQTT request for 30 s.
     int loop(int timeout_ms, int max_packets);
 
+    /// Whether a message is within MQTT's limit for a packet.
+    static bool fitsPacket(const char* topic, int payloadlen);
+
     /// mosquittopp's publish, which also counts what the broker has yet to acknowledge and refuses
     /// what is too large for MQTT with MOSQ_ERR_PAYLOAD_SIZE.
-    int publish(int* mid, const char* topic, int payloadlen, const void* payload, int qos,
-                bool retain);
+    virtual int publish(int* mid, const char* topic, int payloadlen, const void* payload, int qos,
+                        bool retain);
 
-private:
+protected:
     using Clock = std::chrono::steady_clock;
 
+    // A client of another kind may listen in here, and passes each event on to this class.
+    void on_connect(int rc) override;
+    void on_disconnect(int rc) override;
+    void on_publish(int mid) override;
+    void on_message(const mosquitto_message* msg) override;
+    void on_subscribe(int mid, int qos_count, const int* granted_qos) override;
+
+private:
     enum class Link { down, opening, up };
 
     struct Subscription {
         Handler* handler;
         int mid;  ///< of the last SUBSCRIBE packet
     };
-
-    void on_connect(int rc) override;
-    void on_disconnect(int rc) override;
-    void on_publish(int mid) override;
-    void on_message(const mosquitto_message* msg) override;
-    void on_subscribe(int mid, int qos_count, const int* granted_qos) override;
 
     bool wait_for_turn();
     void set_socket_options();

@@ -1,0 +1,3 @@
+#include "pexctl/answer.h"
+
+#include <gtest/gtest.h>

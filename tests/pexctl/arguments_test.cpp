@@ -1,0 +1,3 @@
+#include "pexctl/arguments.h"
+
+#include <gtest/gtest.h>

@@ -1,0 +1,3 @@
+#include "pexctl/setup_check.h"
+
+#include <gtest/gtest.h>
