@@ -1,13 +1,10 @@
 #include "pexctl/local_run.h"
 
-#include <stdlib.h>
 #include <unistd.h>
 
 #include <algorithm>
-#include <cerrno>
 #include <cstdio>
 #include <cstdlib>
-#include <cstring>
 #include <filesystem>
 #include <memory>
 #include <set>
@@ -15,6 +12,7 @@
 #include "command_handler.h"
 #include "pexctl/failure.h"
 #include "pexctl/near_name.h"
+#include "pexctl/temporary_dir.h"
 #include "pexctl/terminal.h"
 #include "server_comms.h"
 
@@ -49,12 +47,7 @@ public:
 /// A staging directory for one run.
 class StagingDir {
 public:
-    StagingDir() : _path((fs::temp_directory_path() / "pexctl-XXXXXX").string())
-    {
-        if (mkdtemp(_path.data()) == nullptr) {
-            throw Failure(wrong_usage, _path + ": " + std::strerror(errno));
-        }
-    }
+    StagingDir() : _path(make_temporary_dir()) {}
     ~StagingDir()
     {
         if (rmdir(_path.c_str()) != 0) {

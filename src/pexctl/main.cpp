@@ -196,10 +196,9 @@ ExitStatus check(const std::string& config_file)
                                      finding.text + "\n");
     }
     if (report.findings.empty()) {
-        write_all(STDOUT_FILENO, "Nothing to object to in " + config_file + ", " +
+        write_all(STDOUT_FILENO, "Nothing to object to. Script directories: " +
                                      std::to_string(report.directories) +
-                                     " script directories and " + std::to_string(report.scripts) +
-                                     " scripts.\n");
+                                     ", scripts: " + std::to_string(report.scripts) + "\n");
     }
     return would_fail ? job_failed : job_succeeded;
 }

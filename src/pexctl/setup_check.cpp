@@ -1,10 +1,271 @@
 #include "pexctl/setup_check.h"
 
+#include <sys/stat.h>
+#include <unistd.h>
+
+#include <algorithm>
+#include <cerrno>
+#include <cstring>
+#include <filesystem>
+#include <map>
+#include <set>
+
+#include "pexctl/log_check.h"
+#include "pexctl/near_name.h"
+#include "pexctl/script_check.h"
+#include "properties.h"
+#include "server_comms.h"
+
 namespace pexctl {
 
-SetupReport check_setup(const std::string&)
+namespace {
+
+namespace fs = std::filesystem;
+
+const std::vector<std::string> known_keys = {"server_comms.host", "server_comms.port",
+                                             "server_comms.qos", "script.search_dirs",
+                                             "script.staging_dir"};
+
+bool has_prefix(const std::string& text, const std::string& prefix)
 {
-    return {};
+    return text.compare(0, prefix.size(), prefix) == 0;
+}
+
+std::string trimmed(const std::string& text)
+{
+    const char* const blanks = " \t";
+    const std::size_t first = text.find_first_not_of(blanks);
+    return first == std::string::npos
+               ? ""
+               : text.substr(first, text.find_last_not_of(blanks) + 1 - first);
+}
+
+/// Without links, or as it is if there is no such file.
+std::string real_path(const std::string& path)
+{
+    std::error_code problem;
+    const fs::path real = fs::canonical(path, problem);
+    return problem ? path : real.string();
+}
+
+class SetupCheck {
+public:
+    explicit SetupCheck(const std::string& config_file) : _file(config_file) {}
+
+    SetupReport run()
+    {
+        if (load()) {
+            check_lines();
+            check_broker();
+            check_staging_dir();
+            check_search_dirs();
+            add(check_log(_file, _config));
+            add(check_scripts(_dirs, _report.scripts));
+            _report.directories = _dirs.size();
+            if (_report.scripts == 0) {
+                warn(_file, "There is no script in any script directory.");
+            }
+        }
+        std::stable_sort(_report.findings.begin(), _report.findings.end(),
+                         [](const Finding& a, const Finding& b) { return a.level < b.level; });
+        return _report;
+    }
+
+private:
+    void add(const Findings& findings)
+    {
+        _report.findings.insert(_report.findings.end(), findings.begin(), findings.end());
+    }
+    void error(const std::string& where, const std::string& text)
+    {
+        _report.findings.push_back({Finding::error, where, text});
+    }
+    void warn(const std::string& where, const std::string& text)
+    {
+        _report.findings.push_back({Finding::warning, where, text});
+    }
+
+    std::string at(int line) const { return _file + ":" + std::to_string(line); }
+    std::string at(const std::string& key) const { return place_of(key, _config, _file); }
+
+    bool load();
+    void check_lines();
+    void check_broker();
+    void check_port();
+    void check_unix_socket(const std::string& path);
+    void check_staging_dir();
+    void check_search_dirs();
+    void check_entry(const std::string& entry);
+    bool check_search_dir(const std::string& dir);
+
+    std::string _file;
+    cProperties _config;
+    std::vector<std::string> _dirs;  ///< those that can be searched, each once
+    SetupReport _report;
+};
+
+bool SetupCheck::load()
+{
+    errno = 0;
+    if (_config.load(_file.c_str())) {
+        return true;
+    }
+    const std::string reason = errno == 0 ? "it holds a zero byte" : std::strerror(errno);
+    error(_file, "The service does not start: the file cannot be read: " + reason);
+    return false;
+}
+
+void SetupCheck::check_lines()
+{
+    std::map<std::string, int> first;
+    for (const cProperties::Line& line : _config.lines()) {
+        const bool is_ours =
+            has_prefix(line.key, "server_comms.") || has_prefix(line.key, "script.");
+        if (!line.assigns) {
+            warn(at(line.number), "This line has no '=' and is ignored.");
+        } else if (!is_ours) {
+            continue;
+        } else if (const auto [known, is_new] = first.emplace(line.key, line.number); !is_new) {
+            warn(at(line.number), line.key + " is set twice: the first one, in line " +
+                                      std::to_string(known->second) + ", counts.");
+        } else if (std::count(known_keys.begin(), known_keys.end(), line.key) == 0) {
+            const std::vector<std::string> near = near_names(line.key, known_keys);
+            warn(at(line.number), "There is no key " + line.key + "; it is ignored." +
+                                      (near.empty() ? "" : " Is " + near.front() + " meant?"));
+        }
+    }
+}
+
+void SetupCheck::check_broker()
+{
+    const char* host = _config.getString("server_comms.host", "localhost");
+    if (*host == '\0') {
+        error(at("server_comms.host"), "The host is empty: the service would find no broker.");
+    }
+    check_port();
+    const int qos = _config.getInt("server_comms.qos", -1);
+    if (_config.getString("server_comms.qos", nullptr) != nullptr && (qos < 0 || qos > 2)) {
+        warn(at("server_comms.qos"), "This is no quality of service. Nothing depends on it.");
+    }
+}
+
+void SetupCheck::check_port()
+{
+    const char* text = _config.getString("server_comms.port", nullptr);
+    if (text == nullptr) {
+        return;
+    }
+    const std::string where = at("server_comms.port");
+    const int port = _config.getInt("server_comms.port", 1883);
+    if (!is_whole_number("server_comms.port", _config)) {
+        error(where,
+              "\"" + std::string(text) + "\" is no whole number: the service would use 1883.");
+    } else if (port < 0 || port > 65535) {
+        error(where, std::string(text) + " is no port: the service would never connect.");
+    } else if (port == 0) {
+        check_unix_socket(_config.getString("server_comms.host", "localhost"));
+    }
+}
+
+void SetupCheck::check_unix_socket(const std::string& path)
+{
+    struct stat status;
+    if (path.find('/') == std::string::npos) {
+        error(at("server_comms.port"),
+              "Port 0 means a Unix socket, and \"" + path + "\" is no path of one.");
+    } else if (stat(path.c_str(), &status) != 0) {
+        warn(path, std::string("The broker's socket: ") + std::strerror(errno));
+    } else if (!S_ISSOCK(status.st_mode)) {
+        error(path, "This should be the broker's socket, and is something else.");
+    }
+}
+
+void SetupCheck::check_staging_dir()
+{
+    const char* const key = "script.staging_dir";
+    const char* value = _config.getString(key, nullptr);
+    if (value == nullptr) {
+        error(_file, "script.staging_dir is missing: the service would abort at the start.");
+        return;
+    }
+    const std::string path = value;
+    struct stat status;
+    if (path.empty()) {
+        error(at(key), "script.staging_dir is empty: scripts would write into \"/\".");
+    } else if (stat(value, &status) != 0) {
+        error(path, std::string("The staging directory: ") + std::strerror(errno));
+    } else if (!S_ISDIR(status.st_mode)) {
+        error(path, "The staging directory is not a directory.");
+    } else if (access(value, W_OK | X_OK) != 0) {
+        error(path, std::string("Scripts cannot write in the staging directory: ") +
+                        std::strerror(errno));
+    }
+    if (!path.empty() && path[0] != '/') {
+        warn(at(key), "script.staging_dir depends on the daemon's working directory.");
+    }
+}
+
+void SetupCheck::check_search_dirs()
+{
+    const char* const key = "script.search_dirs";
+    const char* value = _config.getString(key, nullptr);
+    if (value == nullptr) {
+        warn(_file,
+             "script.search_dirs is missing: job_scripts in the daemon's working directory "
+             "is searched.");
+        return;
+    }
+    std::set<std::string> seen;
+    const std::string entries = value + std::string(":");
+    for (std::size_t begin = 0, end; (end = entries.find(':', begin)) != std::string::npos;
+         begin = end + 1) {
+        const std::string entry = entries.substr(begin, end - begin);
+        const std::string dir = pex::clean_dir_path(entry);
+        check_entry(entry);
+        if (!seen.insert(real_path(dir)).second) {
+            warn(at(key), "\"" + entry + "\" is searched twice.");
+        } else if (check_search_dir(dir)) {
+            _dirs.push_back(dir);
+        }
+    }
+    const char* staging_dir = _config.getString("script.staging_dir", "");
+    if (*staging_dir != '\0' && seen.count(real_path(staging_dir)) != 0) {
+        warn(at("script.staging_dir"),
+             "This is a script directory, too: what a script keeps there could be run.");
+    }
+}
+
+void SetupCheck::check_entry(const std::string& entry)
+{
+    const std::string where = at("script.search_dirs");
+    if (entry.empty()) {
+        warn(where, "A stray colon adds the root directory to the search.");
+    } else if (entry != trimmed(entry)) {
+        warn(where, "Blanks around a colon belong to the directory: \"" + entry + "\".");
+    } else if (entry[0] != '/') {
+        warn(where, "\"" + entry + "\" depends on the daemon's working directory.");
+    }
+}
+
+/// Returns whether it can be searched.
+bool SetupCheck::check_search_dir(const std::string& dir)
+{
+    struct stat status;
+    if (stat(dir.c_str(), &status) != 0 || access(dir.c_str(), R_OK | X_OK) != 0) {
+        error(dir, std::string("No script is found here: ") + std::strerror(errno));
+        return false;
+    }
+    if ((status.st_mode & S_IWOTH) != 0) {
+        warn(dir, "Everybody can write here, and so decide what the service runs.");
+    }
+    return true;
+}
+
+}  // namespace
+
+SetupReport check_setup(const std::string& config_file)
+{
+    return SetupCheck(config_file).run();
 }
 
 }  // namespace pexctl

@@ -2,23 +2,15 @@
 
 #include <cstddef>
 #include <string>
-#include <vector>
+
+#include "pexctl/finding.h"
 
 namespace pexctl {
 
-/// One thing that is wrong, or may surprise.
-struct Finding {
-    enum Level { error, warning };  ///< error: something would fail
-
-    Level level;
-    std::string where;  ///< "FILE:LINE", or a path
-    std::string text;
-};
-
 struct SetupReport {
-    std::vector<Finding> findings;  ///< errors first, otherwise in the order of the configuration
-    std::size_t directories = 0;    ///< script directories looked at
-    std::size_t scripts = 0;        ///< scripts loaded
+    Findings findings;            ///< errors first, otherwise in the order of the checks
+    std::size_t directories = 0;  ///< script directories that can be searched
+    std::size_t scripts = 0;      ///< scripts in them
 };
 
 /// Looks over a dock's set-up as the calling user sees it: the configuration, the log's keys, the

@@ -1,0 +1,14 @@
+#pragma once
+
+#include <string>
+
+#include "pexctl/finding.h"
+#include "properties.h"
+
+namespace pexctl {
+
+/// Has log4cpp read the file, with other names for its log files, and looks at what it accepts in
+/// silence. Resets log4cpp's configuration in this process.
+Findings check_log(const std::string& config_file, const cProperties& config);
+
+}  // namespace pexctl
