@@ -127,8 +127,10 @@ int Client::publish(int* mid, const char* topic, int payloadlen, const void* pay
         return MOSQ_ERR_PAYLOAD_SIZE;
     }
     const int rc = mosquittopp::publish(mid, topic, payloadlen, payload, qos, retain);
-    // Without a connection the library reports it, but keeps the message and sends it later.
-    if (rc == MOSQ_ERR_SUCCESS || rc == MOSQ_ERR_NO_CONN) {
+    // Without a connection, or when it breaks now, the library says so, but keeps the message and
+    // sends it later.
+    if (rc == MOSQ_ERR_SUCCESS || rc == MOSQ_ERR_NO_CONN || rc == MOSQ_ERR_CONN_LOST ||
+        rc == MOSQ_ERR_ERRNO) {
         ++_pending;
     }
     return rc;

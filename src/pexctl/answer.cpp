@@ -438,8 +438,11 @@ std::string first_line(const std::string& payload, std::size_t width)
         line = writer.text;
     } else {
         const std::string_view all = payload;
-        const std::string_view begin = all.substr(0, std::min(enough, all.find('\n')));
-        line = is_utf8(without_cut_character(begin)) ? printable(begin) : hex(begin);
+        std::string_view begin = all.substr(0, std::min(enough, all.find('\n')));
+        if (begin.size() == enough) {
+            begin = without_cut_character(begin);
+        }
+        line = is_utf8(begin) ? printable(begin) : hex(begin);
     }
     std::replace(line.begin(), line.end(), '\n', ' ');
     return cut_line(line, width);

@@ -32,11 +32,6 @@ void interrupt_handler(int)
     sigint_came = 1;
 }
 
-void tell_from(log4cpp::Priority::Value priority)
-{
-    log4cpp::Category::getInstance(log_category).setPriority(priority);
-}
-
 mqlink::ClientSessionOptions session_options()
 {
     static const std::string id = "pexctl-" + random_job_id();
@@ -94,7 +89,8 @@ BrokerSession::BrokerSession(const Connection& connection)
       _name(_port == 0 ? _host : _host + ":" + std::to_string(_port))
 {
     log_to_notes(log_category);
-    tell_from(log4cpp::Priority::NOTICE);  // that it has connected is no news
+    // That it has connected is no news.
+    log4cpp::Category::getInstance(log_category).setPriority(log4cpp::Priority::NOTICE);
     log_in(connection);
 
     struct sigaction action = {};
@@ -134,7 +130,10 @@ void BrokerSession::send(const std::string& topic, const std::string& payload, i
     const int size = static_cast<int>(std::min<std::size_t>(payload.size(), INT_MAX));
     int mid = 0;
     const int rc = publish(&mid, topic.c_str(), size, payload.data(), qos, retain);
-    if (rc != MOSQ_ERR_SUCCESS && rc != MOSQ_ERR_NO_CONN) {
+    // With QoS 0 the library keeps nothing for the next connection.
+    const bool is_kept = qos > 0 && (rc == MOSQ_ERR_NO_CONN || rc == MOSQ_ERR_CONN_LOST ||
+                                     rc == MOSQ_ERR_ERRNO);
+    if (rc != MOSQ_ERR_SUCCESS && !is_kept) {
         throw Failure(wrong_usage, "Cannot publish on " + topic + ". " + mosqpp::strerror(rc));
     }
     wait_until([&] { return _published == mid; }, "Sending to " + _name, deadline);
@@ -155,15 +154,10 @@ void BrokerSession::on_connect(int rc)
 {
     _answered = 0;
     _refused = rc != 0;
-    Client::on_connect(rc);
-}
-
-void BrokerSession::on_disconnect(int rc)
-{
-    if (_was_ready) {
-        tell_from(log4cpp::Priority::INFO);  // that it has connected again is news
+    if (rc == 0 && _was_ready) {
+        note("Connected to broker " + _name + " again");
     }
-    Client::on_disconnect(rc);
+    Client::on_connect(rc);
 }
 
 void BrokerSession::on_publish(int mid)

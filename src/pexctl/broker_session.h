@@ -66,7 +66,6 @@ private:
     class Listener;
 
     void on_connect(int rc) override;
-    void on_disconnect(int rc) override;
     void on_publish(int mid) override;
     void on_subscribe(int mid, int qos_count, const int* granted_qos) override;
     void on_log(int level, const char* text) override;

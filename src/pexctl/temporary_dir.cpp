@@ -4,7 +4,6 @@
 
 #include <cerrno>
 #include <cstring>
-#include <filesystem>
 
 #include "pexctl/failure.h"
 
@@ -12,7 +11,8 @@ namespace pexctl {
 
 std::string make_temporary_dir()
 {
-    std::string path = (std::filesystem::temp_directory_path() / "pexctl-XXXXXX").string();
+    const char* parent = std::getenv("TMPDIR");
+    std::string path = std::string(parent == nullptr ? "/tmp" : parent) + "/pexctl-XXXXXX";
     if (mkdtemp(path.data()) == nullptr) {
         throw Failure(wrong_usage, path + ": " + std::strerror(errno));
     }
