@@ -360,4 +360,36 @@ TEST_F(SameFileTest, RandomLinesReadTheSame)
     }
 }
 
+TEST_F(PropertiesTest, KeepsItsLinesInOrder)
+{
+    ASSERT_TRUE(
+        load("# a comment\n"
+             "log4cpp.a = b # more\n"
+             "\n"
+             "no sign here\n"
+             "a=${a}c\n"
+             "=d"));
+    const struct {
+        int number;
+        bool assigns;
+        const char* key;
+        const char* value;
+    } expected[] = {
+        {2, true, "a", "b"},
+        {4, false, "", ""},
+        {5, true, "a", "bc"},  // overridden by line 2
+        {6, true, "", "d"},
+    };
+    ASSERT_EQ(std::size(expected), props.lines().size());
+    for (std::size_t i = 0; i < std::size(expected); ++i) {
+        SCOPED_TRACE(expected[i].number);
+        EXPECT_EQ(expected[i].number, props.lines()[i].number);
+        EXPECT_EQ(expected[i].assigns, props.lines()[i].assigns);
+        EXPECT_EQ(expected[i].key, props.lines()[i].key);
+        EXPECT_EQ(expected[i].value, props.lines()[i].value);
+    }
+    EXPECT_FALSE(props.load("/nonexistent"));
+    EXPECT_TRUE(props.lines().empty());
+}
+
 }  // namespace
