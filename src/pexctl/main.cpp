@@ -245,6 +245,7 @@ int main(int argc, char* argv[])
     try {
         return pexctl::execute(line);
     } catch (const pexctl::Failure& failure) {
+        pexctl::clear_progress();
         if (*failure.what() != '\0') {
             pexctl::note(failure.what());
         }

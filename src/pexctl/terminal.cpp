@@ -23,6 +23,8 @@ namespace {
 
 using Clock = std::chrono::steady_clock;
 
+constexpr std::chrono::milliseconds worth_mentioning(500);  // a line for less would only flicker
+
 /// The progress line. A connection attempt runs on a thread of its own and may leave notes, so
 /// both are guarded by one lock.
 struct Progress {
@@ -74,9 +76,12 @@ void show_progress(const std::string& text)
     }
     Progress& line = progress();
     const std::lock_guard<std::mutex> guard(line.lock);
-    const auto elapsed =
-        std::chrono::duration_cast<std::chrono::seconds>(Clock::now() - line.since);
-    std::string wanted = text + " (" + std::to_string(elapsed.count()) + " s)";
+    const auto elapsed = Clock::now() - line.since;
+    if (elapsed < worth_mentioning) {
+        return;
+    }
+    const auto seconds = std::chrono::duration_cast<std::chrono::seconds>(elapsed).count();
+    std::string wanted = text + " (" + std::to_string(seconds) + " s)";
     if (const std::size_t width = terminal_width(STDERR_FILENO); width > 1) {
         wanted = wanted.substr(0, width - 1);  // a line that wraps could not be erased
     }

@@ -9,7 +9,8 @@ namespace pexctl {
 void note(const std::string& text);
 
 /// On a terminal, keeps the last line of standard error at "TEXT (12 s)", with the time since the
-/// process began to wait; elsewhere does nothing. May be called as often as one likes.
+/// process began to wait, once that is half a second; elsewhere does nothing. May be called as
+/// often as one likes.
 void show_progress(const std::string& text);
 void clear_progress();
 

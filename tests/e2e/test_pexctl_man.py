@@ -1,0 +1,28 @@
+"""The man page of pexctl: it is well formed, and leaves out no command and no option."""
+
+import re
+import subprocess
+
+import pytest
+
+from harness import DEADLINE, REPOSITORY, pexctl_binary
+
+PAGE = REPOSITORY / "src/pexctl/pexctl.1"
+COMMANDS = ["run", "submit", "attach", "withdraw", "list", "check"]
+
+
+def test_is_well_formed():
+    lint = subprocess.run(["mandoc", "-Tlint", "-Wwarning", PAGE], capture_output=True, text=True,
+                          timeout=DEADLINE)
+    assert (lint.returncode, lint.stdout) == (0, "")
+
+
+@pytest.mark.parametrize("command", COMMANDS)
+def test_leaves_out_nothing_that_the_help_has(command):
+    page = PAGE.read_text().replace("\\-", "-")
+    usage = subprocess.run([pexctl_binary(), command, "--help"], capture_output=True, text=True,
+                           timeout=DEADLINE, check=True).stdout
+    options = set(re.findall(r"(?<![\w-])--?[a-zA-Z][a-z-]*", usage.split("Examples:")[0]))
+    options.discard("--help")
+    assert [option for option in sorted(options) if option not in page] == []
+    assert f".B pexctl {command}\n" in page
