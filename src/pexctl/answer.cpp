@@ -385,7 +385,7 @@ bool is_str(const msgpack::object& object, std::string_view text)
 
 Verdict verdict_of(const std::string& payload)
 {
-    const Verdict success = {true, "", false};
+    Verdict success = {true, "", false};
     const auto tree = unpack_tree(payload);
     if (!tree || tree->get().type != msgpack::type::MAP) {
         return success;

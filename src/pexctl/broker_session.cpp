@@ -131,8 +131,8 @@ void BrokerSession::send(const std::string& topic, const std::string& payload, i
     int mid = 0;
     const int rc = publish(&mid, topic.c_str(), size, payload.data(), qos, retain);
     // With QoS 0 the library keeps nothing for the next connection.
-    const bool is_kept = qos > 0 && (rc == MOSQ_ERR_NO_CONN || rc == MOSQ_ERR_CONN_LOST ||
-                                     rc == MOSQ_ERR_ERRNO);
+    const bool is_kept =
+        qos > 0 && (rc == MOSQ_ERR_NO_CONN || rc == MOSQ_ERR_CONN_LOST || rc == MOSQ_ERR_ERRNO);
     if (rc != MOSQ_ERR_SUCCESS && !is_kept) {
         throw Failure(wrong_usage, "Cannot publish on " + topic + ". " + mosqpp::strerror(rc));
     }

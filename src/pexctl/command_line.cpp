@@ -221,8 +221,8 @@ void add_submit(CLI::App& app, CommandLine& line)
 
 void add_attach(CLI::App& app, CommandLine& line)
 {
-    CLI::App* command = app.add_subcommand(
-        "attach", "Does the same for a job sent before: waits, prints, withdraws.");
+    CLI::App* command =
+        app.add_subcommand("attach", "The same for a job sent before: waits, prints, withdraws.");
     add_job_id(command, line);
     add_view(command, line);
     add_timeout(command, line);

@@ -1,16 +1,19 @@
 #include "pexctl/log_check.h"
 
+#include <sys/stat.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <cerrno>
 #include <cstring>
 #include <filesystem>
 #include <fstream>
-#include <log4cpp/Appender.hh>
+#include <iterator>
 #include <log4cpp/Category.hh>
 #include <log4cpp/PropertyConfigurator.hh>
 #include <map>
 
+#include "pexctl/failure.h"
 #include "pexctl/temporary_dir.h"
 
 namespace pexctl {
@@ -21,6 +24,8 @@ namespace fs = std::filesystem;
 
 const std::string appender_prefix = "appender.";
 
+constexpr int least_file_size = 1000;  // a handful of records
+
 /// The appenders of a configuration: name and type.
 std::map<std::string, std::string> appenders(const cProperties& config)
 {
@@ -28,7 +33,8 @@ std::map<std::string, std::string> appenders(const cProperties& config)
     for (const cProperties::Line& line : config.lines()) {
         const std::string name = line.key.substr(std::min(appender_prefix.size(), line.key.size()));
         if (line.key == appender_prefix + name && name.find('.') == std::string::npos) {
-            found.emplace(name, line.value);
+            // As log4cpp does: "org.example.FileAppender" is a FileAppender.
+            found.emplace(name, line.value.substr(line.value.rfind('.') + 1));
         }
     }
     return found;
@@ -58,23 +64,34 @@ private:
     std::string _path;
 };
 
+/// Writes the configuration to `dir`/config, with all log files in `dir`. Throws Failure.
+void write_harmless_copy(const std::string& config_file, const cProperties& config,
+                         const std::string& dir)
+{
+    std::ifstream in(config_file);
+    const std::string content(std::istreambuf_iterator<char>(in), {});
+    std::ofstream out(dir + "/config");
+    // The first of two equal keys wins, so the real log files are not touched.
+    for (const auto& [name, type] : appenders(config)) {
+        if (writes_a_file(type)) {
+            out << appender_prefix << name << ".fileName=" << dir << "/log\n";
+        }
+    }
+    out << content;
+    out.close();
+    if (!out) {
+        throw Failure(wrong_usage, dir + "/config: " + std::strerror(errno));
+    }
+}
+
 /// What log4cpp throws on, or "".
 std::string refusal(const std::string& config_file, const cProperties& config)
 {
     const TemporaryDir dir;
-    const std::string copy = dir.path() + "/config";
-    std::ofstream out(copy);
-    // The first of two equal keys wins, so the real log files are not touched.
-    for (const auto& [name, type] : appenders(config)) {
-        if (writes_a_file(type)) {
-            out << appender_prefix << name << ".fileName=" << dir.path() << "/log\n";
-        }
-    }
-    out << std::ifstream(config_file).rdbuf();
-    out.close();
+    write_harmless_copy(config_file, config, dir.path());
     std::string problem;
     try {
-        log4cpp::PropertyConfigurator::configure(copy);
+        log4cpp::PropertyConfigurator::configure(dir.path() + "/config");
     } catch (const std::exception& refused) {
         problem = refused.what();
     }
@@ -100,9 +117,8 @@ public:
                 check_file(key);
             }
             if (type == "RollingFileAppender") {
-                check_number(key + ".maxFileSize", Finding::error,
-                             "is not a whole number of bytes: the log would be lost.");
-                check_number(key + ".maxBackupIndex", Finding::warning, "is no whole number.");
+                check_file_size(key + ".maxFileSize");
+                check_backups(key + ".maxBackupIndex");
             }
             if (type == "ConsoleAppender" &&
                 std::string(_config.getString((key + ".target").c_str(), "stdout")) == "stdout") {
@@ -123,11 +139,35 @@ private:
 
     std::string at(const std::string& key) const { return place_of(key, _config, _file); }
 
-    void check_number(const std::string& key, Finding::Level level, const std::string& text)
+    /// log4cpp takes the digits at the beginning, and of a number too large some bits.
+    void check_file_size(const std::string& key)
+    {
+        const char* text = _config.getString(key.c_str(), nullptr);
+        if (text == nullptr) {
+            return;
+        }
+        const std::string value = text;
+        const int size = _config.getInt(key.c_str(), 0);
+        if (!is_whole_number(key, _config)) {
+            const bool digits =
+                !value.empty() && value.find_first_not_of("0123456789") == std::string::npos;
+            add(Finding::error, at(key),
+                digits
+                    ? value + " is too large: the log would be lost, or grow without a limit."
+                    : "\"" + value + "\" is not a whole number of bytes: the log would be lost.");
+        } else if (size < 0) {
+            add(Finding::warning, at(key), value + " is no limit: the log would grow for ever.");
+        } else if (size < least_file_size) {
+            add(Finding::error, at(key),
+                value + " bytes hold a few records at most: the log would be lost.");
+        }
+    }
+
+    void check_backups(const std::string& key)
     {
         const char* value = _config.getString(key.c_str(), nullptr);
         if (value != nullptr && !is_whole_number(key, _config)) {
-            add(level, at(key), "\"" + std::string(value) + "\" " + text);
+            add(Finding::warning, at(key), "\"" + std::string(value) + "\" is no whole number.");
         }
     }
 
@@ -142,16 +182,39 @@ private:
                     "directory.");
             return;
         }
-        const fs::path parent = fs::path(path).parent_path();
-        const bool exists = access(path, F_OK) == 0;
-        const std::string tried = exists ? path : parent.empty() ? "." : parent.string();
-        if (fs::is_directory(path)) {
-            errno = EISDIR;
-        } else if (access(tried.c_str(), exists ? W_OK : W_OK | X_OK) == 0) {
+        if (*path == '\0') {
+            add(Finding::error, at(key + ".fileName"),
+                "The service would run without this log: its file has no name.");
             return;
         }
-        add(Finding::error, at(key + ".fileName"),
-            "The service would run without this log: " + tried + ": " + std::strerror(errno));
+        if (*path != '/') {
+            add(Finding::warning, at(key + ".fileName"),
+                "\"" + std::string(path) + "\" depends on the daemon's working directory.");
+        }
+        if (const std::string problem = open_problem(path); !problem.empty()) {
+            add(Finding::error, at(key + ".fileName"),
+                "The service would run without this log: " + problem);
+        }
+    }
+
+    /// "PATH: REASON" of what keeps a file from being opened for appending, or "".
+    static std::string open_problem(const std::string& path)
+    {
+        struct stat status;
+        const bool exists = stat(path.c_str(), &status) == 0;
+        if (!exists && errno != ENOENT) {
+            return path + ": " + std::strerror(errno);
+        }
+        if (exists && S_ISDIR(status.st_mode)) {
+            return path + ": " + std::strerror(EISDIR);
+        }
+        const std::size_t slash = path.rfind('/');
+        // With its '/', so that a file in the directory's place is refused.
+        const std::string parent = slash == std::string::npos ? "./" : path.substr(0, slash + 1);
+        const std::string& tried = exists ? path : parent;
+        return access(tried.c_str(), exists ? W_OK : W_OK | X_OK) == 0
+                   ? ""
+                   : tried + ": " + std::strerror(errno);
     }
 
     const std::string& _file;

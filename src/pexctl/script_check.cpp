@@ -50,11 +50,16 @@ std::string load_error(const std::string& path)
 
 void check_script(const std::string& path, Findings& findings)
 {
-    if (const std::string problem = load_error(path); !problem.empty()) {
+    struct stat status;
+    const bool exists = stat(path.c_str(), &status) == 0;
+    if (exists && !S_ISREG(status.st_mode) && !S_ISDIR(status.st_mode)) {
+        // Not even opened: a pipe without a writer would block here, too.
+        findings.push_back({Finding::error, path,
+                            "It is no regular file: a request for it may block the service."});
+    } else if (const std::string problem = load_error(path); !problem.empty()) {
         findings.push_back({Finding::error, path, "It does not load: " + problem});
     }
-    struct stat status;
-    if (stat(path.c_str(), &status) == 0 && (status.st_mode & S_IWOTH) != 0) {
+    if (exists && (status.st_mode & S_IWOTH) != 0) {
         findings.push_back({Finding::warning, path,
                             "Everybody can write it, and so decide what the service runs."});
     }

@@ -10,6 +10,7 @@
 #include <map>
 #include <set>
 
+#include "pexctl/answer.h"
 #include "pexctl/log_check.h"
 #include "pexctl/near_name.h"
 #include "pexctl/script_check.h"
@@ -48,6 +49,29 @@ std::string real_path(const std::string& path)
     return problem ? path : real.string();
 }
 
+/// Names of files, and what Lua quotes of a script, may hold any character.
+std::string one_line(const std::string& text)
+{
+    std::string line;
+    for (const char c : text) {
+        switch (c) {
+            case '\t':
+                line += "\\x09";
+                break;
+            case '\n':
+                line += "\\x0a";
+                break;
+            case '\r':
+                line += "\\x0d";
+                break;
+            default:
+                line += c;
+        }
+    }
+    const std::string shown = render(line, View::text, true);
+    return shown.substr(0, shown.find('\n'));
+}
+
 class SetupCheck {
 public:
     explicit SetupCheck(const std::string& config_file) : _file(config_file) {}
@@ -62,9 +86,13 @@ public:
             add(check_log(_file, _config));
             add(check_scripts(_dirs, _report.scripts));
             _report.directories = _dirs.size();
-            if (_report.scripts == 0) {
+            if (_report.scripts == 0 && is_set("script.search_dirs")) {
                 warn(_file, "There is no script in any script directory.");
             }
+        }
+        for (Finding& finding : _report.findings) {
+            finding.where = one_line(finding.where);
+            finding.text = one_line(finding.text);
         }
         std::stable_sort(_report.findings.begin(), _report.findings.end(),
                          [](const Finding& a, const Finding& b) { return a.level < b.level; });
@@ -85,6 +113,7 @@ private:
         _report.findings.push_back({Finding::warning, where, text});
     }
 
+    bool is_set(const char* key) const { return _config.getString(key, nullptr) != nullptr; }
     std::string at(int line) const { return _file + ":" + std::to_string(line); }
     std::string at(const std::string& key) const { return place_of(key, _config, _file); }
 
@@ -144,7 +173,7 @@ void SetupCheck::check_broker()
     }
     check_port();
     const int qos = _config.getInt("server_comms.qos", -1);
-    if (_config.getString("server_comms.qos", nullptr) != nullptr && (qos < 0 || qos > 2)) {
+    if (is_set("server_comms.qos") && (qos < 0 || qos > 2)) {
         warn(at("server_comms.qos"), "This is no quality of service. Nothing depends on it.");
     }
 }
@@ -173,6 +202,9 @@ void SetupCheck::check_unix_socket(const std::string& path)
     if (path.find('/') == std::string::npos) {
         error(at("server_comms.port"),
               "Port 0 means a Unix socket, and \"" + path + "\" is no path of one.");
+    } else if (path[0] != '/') {
+        warn(at("server_comms.host"),
+             "\"" + path + "\" depends on the daemon's working directory.");
     } else if (stat(path.c_str(), &status) != 0) {
         warn(path, std::string("The broker's socket: ") + std::strerror(errno));
     } else if (!S_ISSOCK(status.st_mode)) {
@@ -223,7 +255,7 @@ void SetupCheck::check_search_dirs()
         const std::string dir = pex::clean_dir_path(entry);
         check_entry(entry);
         if (!seen.insert(real_path(dir)).second) {
-            warn(at(key), "\"" + entry + "\" is searched twice.");
+            warn(at(key), "\"" + (entry.empty() ? "/" : entry) + "\" is searched twice.");
         } else if (check_search_dir(dir)) {
             _dirs.push_back(dir);
         }

@@ -15,7 +15,9 @@ struct SetupReport {
 
 /// Looks over a dock's set-up as the calling user sees it: the configuration, the log's keys, the
 /// directories and every script in them. Runs no script, and neither opens nor creates a log file.
-/// Resets log4cpp's configuration in this process.
+/// Texts and places are one line each: control characters and what is not UTF-8 are escaped.
+/// Resets log4cpp's configuration in this process. Throws Failure if there is no place for the
+/// temporary copy of the configuration that log4cpp reads.
 SetupReport check_setup(const std::string& config_file);
 
 }  // namespace pexctl

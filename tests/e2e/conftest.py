@@ -4,7 +4,7 @@ import contextlib
 
 import pytest
 
-from harness import Broker, Scripts, Server, Service, WaitingJob
+from harness import Broker, Pexctl, Scripts, Server, Service, WaitingJob
 
 
 @pytest.fixture
@@ -59,3 +59,17 @@ def waiting_job(scripts, tmp_path):
     job = WaitingJob(scripts, tmp_path)
     yield job
     job.release()
+
+
+@pytest.fixture
+def pexctl(tmp_path):
+    command = Pexctl(tmp_path / "user")
+    yield command
+    command.finish()
+
+
+@pytest.fixture
+def remote(tmp_path, broker):
+    command = Pexctl(tmp_path / "user", broker)
+    yield command
+    command.finish()

@@ -1,4 +1,4 @@
-"""End-to-end harness: the real daemon, a real mosquitto and an independent client.
+"""End-to-end harness: the real daemon and pexctl, a real mosquitto and an independent client.
 
 Run the tests with
 
@@ -7,7 +7,8 @@ Run the tests with
 Environment variables:
 
     PEX_COMMAND          the daemon's binary; default build/debug/pex-command
-    PEX_COMMAND_WRAPPER  a command put before it, such as "valgrind -q --error-exitcode=99"
+    PEXCTL               pexctl's binary; default build/debug/pexctl
+    PEX_COMMAND_WRAPPER  a command put before both, such as "valgrind -q --error-exitcode=99"
     PEX_DEADLINE_FACTOR  stretches every deadline, for slow builds; default 1
 
 A test takes what it needs from the fixtures in conftest.py:
@@ -23,15 +24,19 @@ A test takes what it needs from the fixtures in conftest.py:
     service      a started Service, subscribed at `broker`
     server       a connected Server
     waiting_job  a WaitingJob in `scripts`
+    pexctl       pexctl("run", "greet") runs pexctl to its end and returns an Outcome
+    remote       remote("submit", "greet") does it with the options -h and -p of `broker`
 
 Nothing here sleeps a guess. What a test waits for is an event: a line in the broker's log, a
 record in the daemon's log, a message, the end of a process. All waits end after DEADLINE.
 
 A daemon that a test leaves running is stopped by SIGTERM and must exit with 0, and one that ended
 without the test asking for its status fails the test. So crashes and sanitizer reports count
-wherever they happen.
+wherever they happen. pexctl must end with one of the statuses that its documents name; where a test
+expects it to die by a signal, the test says so.
 """
 
+import math
 import os
 import pathlib
 import queue
@@ -39,6 +44,7 @@ import shlex
 import signal
 import socket
 import subprocess
+import tempfile
 import time
 import uuid
 from typing import NamedTuple
@@ -47,12 +53,33 @@ import msgpack
 import paho.mqtt.client as mqtt
 
 REPOSITORY = pathlib.Path(__file__).resolve().parents[2]
-DEADLINE = 30 * float(os.environ.get("PEX_DEADLINE_FACTOR", "1"))
+DEADLINE_FACTOR = float(os.environ.get("PEX_DEADLINE_FACTOR", "1"))
+DEADLINE = 30 * DEADLINE_FACTOR
+# For pexctl's -W where it has to run out. What happens before that must have happened by then.
+SHORT_TIMEOUT = str(math.ceil(DEADLINE_FACTOR))
 WRAPPER = shlex.split(os.environ.get("PEX_COMMAND_WRAPPER", ""))
 
 
 def binary():
     return os.path.abspath(os.environ.get("PEX_COMMAND", REPOSITORY / "build/debug/pex-command"))
+
+
+def pexctl_binary():
+    return os.path.abspath(os.environ.get("PEXCTL", REPOSITORY / "build/debug/pexctl"))
+
+
+def own_environment(env=()):
+    """The environment of the programs under test: this one's, without what Lua listens to."""
+    inherited = {name: value for name, value in os.environ.items() if not name.startswith("LUA_")}
+    return {**inherited, "LC_ALL": "C", **dict(env)}
+
+
+def tcp_table(pid):
+    """The TCP connections that a process holds: rows of /proc/net/tcp, split at blanks."""
+    links = [os.readlink(entry.path) for entry in os.scandir(f"/proc/{pid}/fd")]
+    rows = [line.split() for line in
+            pathlib.Path(f"/proc/{pid}/net/tcp").read_text().splitlines()[1:]]
+    return [row for row in rows if f"socket:[{row[9]}]" in links]
 
 
 def wait_until(condition, what, deadline=DEADLINE):
@@ -190,9 +217,7 @@ class Service:
         self.directory.mkdir(exist_ok=True)
         self.broker = broker
         self.cwd = cwd or self.directory
-        inherited = {name: value for name, value in os.environ.items()
-                     if not name.startswith("LUA_")}
-        self.env = {**inherited, "LC_ALL": "C", **dict(env)}
+        self.env = own_environment(env)
         self.config_file = self.directory / "pex-command.properties"
         self.log_file = self.directory / "pex-command.log"
         self.staging_dir = self.directory / "staging"
@@ -256,11 +281,7 @@ class Service:
                                 "\n".join(map(str, self.records()[-20:])))
 
     def tcp_table(self):
-        """The TCP connections that this process holds: rows of /proc/net/tcp, split at blanks."""
-        links = [os.readlink(entry.path) for entry in os.scandir(f"/proc/{self.pid}/fd")]
-        rows = [line.split() for line in
-                pathlib.Path(f"/proc/{self.pid}/net/tcp").read_text().splitlines()[1:]]
-        return [row for row in rows if f"socket:[{row[9]}]" in links]
+        return tcp_table(self.pid)
 
     def signal(self, number):
         self.process.send_signal(number)
@@ -455,3 +476,100 @@ class Server:
     def close(self):
         self._publisher.close()
         self._subscriber.close()
+
+
+class Outcome(NamedTuple):
+    """How a run of pexctl has ended."""
+
+    status: int
+    stdout: bytes
+    stderr: str
+
+
+class PexctlRun:
+    """One run of pexctl, from its start on. Its standard output is a pipe unless another
+    descriptor is given."""
+
+    _documented_statuses = {0, 1, 2, 3, 4, 130}
+
+    def __init__(self, arguments, cwd, env, stdin=b"", stdout=subprocess.PIPE):
+        self._stdin = stdin
+        # A file, since it is read while pexctl runs.
+        self._stderr = tempfile.TemporaryFile()
+        self.process = subprocess.Popen(
+            [*WRAPPER, pexctl_binary(), *arguments],
+            stdin=subprocess.PIPE if stdin else subprocess.DEVNULL, stdout=stdout,
+            stderr=self._stderr, cwd=cwd, env=env)
+
+    @property
+    def pid(self):
+        return self.process.pid
+
+    def tcp_table(self):
+        return tcp_table(self.pid)
+
+    def stderr(self):
+        # Not by way of the file's offset, which pexctl writes at.
+        descriptor = self._stderr.fileno()
+        return os.pread(descriptor, os.fstat(descriptor).st_size, 0).decode(
+            errors="surrogateescape")
+
+    def wait_for_stderr(self, text):
+        wait_until(lambda: text in self.stderr(),
+                   lambda: f"{text!r} on standard error:\n{self.stderr()}")
+
+    def signal(self, number):
+        self.process.send_signal(number)
+
+    def end(self, killed_by=None):
+        """Waits for the end and returns the Outcome. Dying by a signal must be expected."""
+        stdout, _ = self.process.communicate(self._stdin or None, timeout=DEADLINE)
+        outcome = Outcome(self.process.returncode, stdout, self.stderr())
+        expected = self._documented_statuses if killed_by is None else {-killed_by}
+        assert outcome.status in expected, outcome
+        assert "Sanitizer" not in outcome.stderr, outcome.stderr
+        return outcome
+
+    def kill(self):
+        if self.process.returncode is None:
+            self.process.kill()
+            self.process.communicate()
+        self._stderr.close()
+
+
+class Pexctl:
+    """Runs pexctl in `directory`, with temporary files in `temporary`.
+
+    With a `broker`, puts the options that lead there behind the command.
+    """
+
+    def __init__(self, directory, broker=None):
+        self.directory = pathlib.Path(directory)
+        self.temporary = self.directory / "temporary"
+        self.temporary.mkdir(parents=True, exist_ok=True)
+        self._broker = broker
+        self._runs = []
+
+    def __call__(self, *arguments, killed_by=None, **options):
+        """Runs pexctl to its end."""
+        return self.start(*arguments, **options).end(killed_by)
+
+    def start(self, *arguments, env=(), **options):
+        to_broker = ["-h", self._broker.host, "-p", str(self._broker.port)] if self._broker else []
+        run = PexctlRun([*arguments[:1], *to_broker, *arguments[1:]], self.directory,
+                        self.environment(env), **options)
+        self._runs.append(run)
+        return run
+
+    def environment(self, env=()):
+        # A status of its own, or a sanitizer's report would look like a failed job.
+        sanitizers = {name: os.environ.get(name, "") + ":exitcode=99"
+                      for name in ["ASAN_OPTIONS", "UBSAN_OPTIONS", "TSAN_OPTIONS"]}
+        return own_environment({"TMPDIR": str(self.temporary), **sanitizers, **dict(env)})
+
+    def finish(self):
+        """What a test that started a run owes is its end."""
+        forgotten = [run.process.args for run in self._runs if run.process.returncode is None]
+        for run in self._runs:
+            run.kill()
+        assert not forgotten, forgotten
