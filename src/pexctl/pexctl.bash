@@ -1,12 +1,16 @@
 # Completion of pexctl's command line in bash(1). Options come from the command's own help, script
 # names from the directories that the command line names so far.
 
+# bash takes "--option=value" for three words.
+
 _pexctl_scripts()
 {
-    local i options=()
+    local i value options=()
     for ((i = 2; i < COMP_CWORD; i++)); do
+        value=${COMP_WORDS[i + 1]}
+        [[ $value == = ]] && value=${COMP_WORDS[i + 2]}
         case ${COMP_WORDS[i]} in
-            --config | --search-dir) options+=("${COMP_WORDS[i]}" "${COMP_WORDS[i + 1]/#\~/$HOME}") ;;
+            --config | --search-dir) options+=("${COMP_WORDS[i]}" "${value/#\~/$HOME}") ;;
         esac
     done
     "${COMP_WORDS[0]/#\~/$HOME}" scripts "${options[@]}" 2>/dev/null
@@ -19,7 +23,7 @@ _pexctl_operands()
     for ((i = 2; i < COMP_CWORD; i++)); do
         case ${COMP_WORDS[i]} in
             --keep | --detach | --trace | --force | --insecure | -r | --retain | --help) ;;
-            -?*) ((i++)) ;;
+            -?*) [[ ${COMP_WORDS[i + 1]} == = ]] && ((i += 2)) || ((i++)) ;;
             *) ((count++)) ;;
         esac
     done
@@ -30,6 +34,11 @@ _pexctl()
 {
     local word=${COMP_WORDS[COMP_CWORD]} previous=${COMP_WORDS[COMP_CWORD - 1]}
     local command=${COMP_WORDS[1]} words
+    if [[ $word == = ]]; then
+        word=
+    elif [[ $previous == = ]]; then
+        previous=${COMP_WORDS[COMP_CWORD - 2]}
+    fi
     if ((COMP_CWORD == 1)); then
         mapfile -t COMPREPLY < <(
             compgen -W "run submit attach withdraw list check --help --version" -- "$word")

@@ -1024,11 +1024,14 @@ TEST_F(ClientEndTest, MessagesThatTheLibraryKeepsAreCountedAndRefusedOnesAreNot)
          {"ERROR broker_log: 1 messages were not acknowledged by the broker and may be lost"}},
         {MOSQ_ERR_NO_CONN,  // reported, but kept and sent later
          {"ERROR broker_log: 1 messages were not acknowledged by the broker and may be lost"}},
+        {MOSQ_ERR_CONN_LOST,  // the same
+         {"ERROR broker_log: 1 messages were not acknowledged by the broker and may be lost"}},
+        {MOSQ_ERR_ERRNO,  // the same: the write failed
+         {"ERROR broker_log: 1 messages were not acknowledged by the broker and may be lost"}},
         {MOSQ_ERR_INVAL, {}},
         {MOSQ_ERR_NOMEM, {}},
         {MOSQ_ERR_PAYLOAD_SIZE, {}},
         {MOSQ_ERR_MALFORMED_UTF8, {}},
-        {MOSQ_ERR_CONN_LOST, {}},
     };
     for (const auto& c : cases) {
         SCOPED_TRACE(c.status);
