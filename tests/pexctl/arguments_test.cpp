@@ -200,6 +200,11 @@ TEST(ArgumentsTest, TakesMessagePackAsItIs)
          {}},
         {"\x81\xcf\0\0\0\x01\0\0\0\0\x01"s, {"$[4294967296]: 4294967296 arrives as 0"}, {}},
         {"\x81\xc3\x91\xc0"s, {"$[true][0]: null vanishes"}, {}},
+        {"\x81\xc2\x91\xc0"s, {"$[false][0]: null vanishes"}, {}},
+        {"\x82\xc2\x01\xc3\x02"s, {}, {}},
+        {"\x82\xc3\x01\xc3\x02"s,
+         {"$[true]: the same key as one before it: the last one counts"},
+         {}},
         {"\x82\x90\x01\x90\x02"s, {}, {}},  // two tables are never the same key
         {"\x81\x91\xc0\x01"s, {"$[table][0]: null vanishes"}, {}},
         {"\x81\xc0\x01"s, {}, {"$: nil as a key would end the daemon"}},
@@ -233,6 +238,20 @@ TEST(ArgumentsTest, RefusesWhatIsNotOneWholeMessagePackObject)
         SCOPED_TRACE(hex(c.bytes));
         EXPECT_EQ(c.complaint, complaint(arguments_from_msgpack, c.bytes));
     }
+}
+
+TEST(ArgumentsTest, ALongKeyIsShortenedInAPath)
+{
+    const auto path_of = [](const std::string& key) {
+        const Texts losses = arguments_from_json("{\"" + key + "\": [null]}").losses;
+        return losses.empty() ? "" : losses[0].substr(0, losses[0].find(": "));
+    };
+    const std::string forty = "1234567890123456789012345678901234567890";
+    EXPECT_EQ("$['" + forty + "'][0]", path_of(forty));
+    EXPECT_EQ("$['" + forty + "...'][0]", path_of(forty + "1"));
+    const std::string name(40, 'n');
+    EXPECT_EQ("$." + name + "[0]", path_of(name));
+    EXPECT_EQ("$['" + name + "...'][0]", path_of(name + "n"));
 }
 
 TEST(ArgumentsTest, APathOfManyLevelsIsShortened)
