@@ -24,11 +24,8 @@ Verdict verdict_of(const std::string& payload);
 /// but raw are printable and, unless empty, end with a line feed.
 std::string render(const std::string& answer, View view, bool terminal);
 
-/// The answer, or a failure's reason, on one line of at most `width` characters , for
-/// a table (at least 4); control characters are escaped.
+/// The answer, or a failure's reason, on one line of at most `width` characters (at least 4), for a
+/// table; control characters are escaped.
 std::string first_line(const std::string& payload, std::size_t width);
-
-/// At most `width` characters of a line, with "..." at the end if it has more.
-std::string cut_line(const std::string& line, std::size_t width);
 
 }  // namespace pexctl

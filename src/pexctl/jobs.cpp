@@ -9,6 +9,7 @@
 #include <utility>
 
 #include "pexctl/terminal.h"
+#include "pexctl/text.h"
 
 namespace pexctl {
 
