@@ -181,8 +181,8 @@ TEST(AnswerTest, OtherFormsAreAvailableForEveryAnswer)
     EXPECT_EQ("", render("", View::hex, true));
     EXPECT_EQ(
         "00000000  30 31 32 33 34 35 36 37  38 39 61 62 63 64 65 66  |0123456789abcdef|\n"
-        "00000010  0a 7f                                             |..|\n",
-        render("0123456789abcdef\n\x7f", View::hex, false));
+        "00000010  0a 20 7e 7f                                       |. ~.|\n",
+        render("0123456789abcdef\n ~\x7f", View::hex, false));
 }
 
 TEST(AnswerTest, IsNoJsonWhenNestedTooDeeply)

@@ -263,6 +263,14 @@ TEST(ArgumentsTest, APathOfManyLevelsIsShortened)
         "$[0][0][0][0][0][0][0][0][0][0][0][0][0][0][0][0]..."
         "[0][0][0][0][0][0][0][0][0][0][0][0][0][0][0][0]: 0.1 arrives as 0.100000001490116",
         losses[0]);
+
+    const Texts whole =
+        arguments_from_json(std::string(32, '[') + "null" + std::string(32, ']')).losses;
+    ASSERT_EQ(1u, whole.size());
+    EXPECT_EQ(
+        "$[0][0][0][0][0][0][0][0][0][0][0][0][0][0][0][0]"
+        "[0][0][0][0][0][0][0][0][0][0][0][0][0][0][0][0]: null vanishes",
+        whole[0]);
 }
 
 /// What a script gets, as Lua itself shows it.
