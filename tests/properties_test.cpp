@@ -392,4 +392,44 @@ TEST_F(PropertiesTest, KeepsItsLinesInOrder)
     EXPECT_TRUE(props.lines().empty());
 }
 
+TEST_F(PropertiesTest, NumbersLinesAsAnEditorDoes)
+{
+    const struct {
+        const char* fact;
+        const char* content;
+        int number;  // of the last kept line
+        std::size_t kept;
+    } cases[] = {
+        {"unterminated", "a=b", 1, 1},
+        {"terminated", "a=b\n", 1, 1},
+        {"behind empty lines", "\n\na=b\n", 3, 1},
+        {"behind blanks and carriage returns", " \t \r\n\r\na=b\r\n", 3, 1},
+        {"a lone carriage return ends no line", "a=b\rc=d\ne=f\n", 2, 2},
+        {"behind comments", "#\n # a=b\na=b\n# c", 3, 1},
+        {"each of equal ones", "a=b\na=b\na=b\n", 3, 3},
+        {"without a sign before the comment", "a#=b\n", 1, 1},
+    };
+    for (const auto& c : cases) {
+        SCOPED_TRACE(c.fact);
+        ASSERT_TRUE(load(c.content));
+        ASSERT_EQ(c.kept, props.lines().size());
+        EXPECT_EQ(c.number, props.lines().back().number);
+    }
+}
+
+TEST_F(PropertiesTest, LinesAreThoseOfTheLastLoad)
+{
+    ASSERT_TRUE(load("a=b\nc=d\n"));
+    const cProperties copy = props;
+    ASSERT_TRUE(load("e=f\n"));
+    ASSERT_EQ(1u, props.lines().size());
+    EXPECT_EQ("e", props.lines()[0].key);
+    EXPECT_EQ(1, props.lines()[0].number);
+    EXPECT_EQ(2u, copy.lines().size());
+    EXPECT_FALSE(load("a=b\nc=\0\n"s));
+    EXPECT_TRUE(props.lines().empty());
+    ASSERT_TRUE(load("\n# nothing\n"));
+    EXPECT_TRUE(props.lines().empty());
+}
+
 }  // namespace

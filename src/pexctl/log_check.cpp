@@ -9,6 +9,7 @@
 #include <filesystem>
 #include <fstream>
 #include <iterator>
+#include <log4cpp/Appender.hh>
 #include <log4cpp/Category.hh>
 #include <log4cpp/PropertyConfigurator.hh>
 #include <map>
@@ -96,6 +97,10 @@ std::string refusal(const std::string& config_file, const cProperties& config)
         problem = refused.what();
     }
     log4cpp::Category::shutdown();
+    // The configurator's appenders have no owner; the next ones of these names would displace them.
+    for (const auto& [name, type] : appenders(config)) {
+        delete log4cpp::Appender::getAppender(name);
+    }
     return problem;
 }
 
@@ -208,13 +213,9 @@ private:
         if (exists && S_ISDIR(status.st_mode)) {
             return path + ": " + std::strerror(EISDIR);
         }
-        const std::size_t slash = path.rfind('/');
-        // With its '/', so that a file in the directory's place is refused.
-        const std::string parent = slash == std::string::npos ? "./" : path.substr(0, slash + 1);
-        const std::string& tried = exists ? path : parent;
-        return access(tried.c_str(), exists ? W_OK : W_OK | X_OK) == 0
-                   ? ""
-                   : tried + ": " + std::strerror(errno);
+        const std::string parent = fs::path(path).parent_path();
+        const std::string tried = exists ? path : parent.empty() ? "." : parent;
+        return access(tried.c_str(), W_OK) == 0 ? "" : tried + ": " + std::strerror(errno);
     }
 
     const std::string& _file;

@@ -50,7 +50,7 @@ std::string load_error(const std::string& path)
 
 void check_script(const std::string& path, Findings& findings)
 {
-    struct stat status;
+    struct stat status = {};
     const bool exists = stat(path.c_str(), &status) == 0;
     if (exists && !S_ISREG(status.st_mode) && !S_ISDIR(status.st_mode)) {
         // Not even opened: a pipe without a writer would block here, too.

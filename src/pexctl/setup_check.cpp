@@ -53,20 +53,8 @@ std::string real_path(const std::string& path)
 std::string one_line(const std::string& text)
 {
     std::string line;
-    for (const char c : text) {
-        switch (c) {
-            case '\t':
-                line += "\\x09";
-                break;
-            case '\n':
-                line += "\\x0a";
-                break;
-            case '\r':
-                line += "\\x0d";
-                break;
-            default:
-                line += c;
-        }
+    for (const char c : text) {  // render() leaves these two, and escapes all others
+        line += c == '\n' ? "\\x0a" : c == '\t' ? "\\x09" : std::string(1, c);
     }
     const std::string shown = render(line, View::text, true);
     return shown.substr(0, shown.find('\n'));
@@ -261,7 +249,7 @@ void SetupCheck::check_search_dirs()
         }
     }
     const char* staging_dir = _config.getString("script.staging_dir", "");
-    if (*staging_dir != '\0' && seen.count(real_path(staging_dir)) != 0) {
+    if (seen.count(real_path(staging_dir)) != 0) {
         warn(at("script.staging_dir"),
              "This is a script directory, too: what a script keeps there could be run.");
     }

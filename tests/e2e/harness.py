@@ -36,6 +36,7 @@ wherever they happen. pexctl must end with one of the statuses that its document
 expects it to die by a signal, the test says so.
 """
 
+import contextlib
 import math
 import os
 import pathlib
@@ -76,7 +77,10 @@ def own_environment(env=()):
 
 def tcp_table(pid):
     """The TCP connections that a process holds: rows of /proc/net/tcp, split at blanks."""
-    links = [os.readlink(entry.path) for entry in os.scandir(f"/proc/{pid}/fd")]
+    links = []
+    for entry in os.scandir(f"/proc/{pid}/fd"):
+        with contextlib.suppress(FileNotFoundError):  # closed since it was listed
+            links.append(os.readlink(entry.path))
     rows = [line.split() for line in
             pathlib.Path(f"/proc/{pid}/net/tcp").read_text().splitlines()[1:]]
     return [row for row in rows if f"socket:[{row[9]}]" in links]

@@ -104,7 +104,7 @@ def test_malformed_messagepack_is_refused_with_its_place_and_nothing_is_sent(rem
     (b"\x82\x01", "insufficient bytes"),
     (b"\x91\xc1", "parse error"),
 ], ids=["truncated", "not-messagepack"])
-def test_malformed_messagepack_is_sent_with_force(service, remote, broker, packed, reason):
+def test_malformed_messagepack_is_sent_with_force(service, remote, packed, reason):
     status, _, stderr = remote("submit", "--force", "--msgpack", "-", "echo", stdin=packed)
     assert (status, stderr) == (1, f"pexctl: The job failed: {reason}\n")
 

@@ -23,6 +23,7 @@ def test_good_set_up(pexctl, dock, scripts, tmp_path):
     assert pexctl("check", dock()) == (
         0, b"Nothing to object to. Script directories: 1, scripts: 2\n", "")
     assert not (tmp_path / "dock/pex-command.log").exists()
+    assert list(pexctl.temporary.iterdir()) == []
 
 
 def test_warnings_alone_are_no_failure(pexctl, dock, scripts):

@@ -100,7 +100,7 @@ def test_scripts(complete, words, offered):
     assert complete(*words) == offered
 
 
-def test_scripts_of_the_directories_that_were_named(complete, scripts, pexctl, tmp_path):
+def test_scripts_of_the_directories_that_were_named(complete, scripts, tmp_path):
     scripts.add("named", "")
     Scripts(tmp_path / "more").add("more", "")
     config = Service(tmp_path / "dock", settings={"script.search_dirs": scripts.directory})

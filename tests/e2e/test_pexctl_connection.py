@@ -10,7 +10,7 @@ import pytest
 
 from harness import SHORT_TIMEOUT, Broker, Service, free_port, wait_until
 from scripted_broker import (NOT_AUTHORISED, REFUSED_SUBSCRIPTION, ScriptedBroker, connack, puback,
-                             suback)
+                             publish, suback)
 from test_lifetime import Listener
 
 NOTHING_THERE = (0, b"", "pexctl: The broker holds no results and no retained requests.\n")
@@ -140,6 +140,40 @@ def test_broker_that_refuses_the_subscription_to_results_is_told(pexctl, peer):
         3, b"", f"pexctl: Broker {peer.name} refused the subscription to out/cmd/7\n")
 
 
+@pytest.mark.parametrize("messages, outcome", [
+    ([("in/cmd/7", b""), ("out/cmd/7", b"")],
+     (1, b"", "pexctl: Job 7 was withdrawn by another client.\n")),
+    ([("out/cmd/7", b"first"), ("out/cmd/7", b"second")], (0, b"first", "")),
+    ([("out/cmd/7", b"answer"), ("in/cmd/7", b"")], (0, b"answer", "")),
+], ids=["withdrawn", "two-results", "result-and-withdrawal"])
+def test_messages_that_come_while_pexctl_subscribes_count(pexctl, peer, messages, outcome):
+    run = pexctl.start("attach", "--keep", *options_to(peer), "7")
+    connection = peer.accept()
+    connection.expect_packet()
+    connection.send(connack())
+    assert subscriptions(connection, 1, 1) == ["out/cmd/7", "in/cmd/7"]
+    connection.send(*(publish(topic, payload) for topic, payload in messages))
+    subscriptions(connection, 0)
+    assert run.end() == outcome
+
+
+def test_broker_that_refuses_the_subscription_after_a_lost_connection_is_told(pexctl, peer):
+    run = pexctl.start("submit", *options_to(peer), "-q", "0", "--id", "7", "greet")
+    connection = peer.accept()
+    connection.expect_packet()
+    connection.send(connack())
+    subscriptions(connection, 1, 1, 0)
+    connection.expect_packet()  # the request: pexctl waits for its result
+    connection.reset()
+    connection = peer.accept()
+    connection.expect_packet()
+    connection.send(connack())
+    subscriptions(connection, REFUSED_SUBSCRIPTION)
+    run.wait_for_stderr(f"pexctl: Broker {peer.name} refused the subscription to out/cmd/7\n")
+    run.signal(signal.SIGINT)
+    assert run.end().status == 130
+
+
 def test_broker_may_refuse_the_subscription_to_requests(pexctl, peer):
     run = pexctl.start("submit", *options_to(peer), "--id", "7", "--detach", "greet")
     connection = peer.accept()
@@ -244,6 +278,9 @@ def test_host_wins_over_a_unix_socket_in_the_configuration(pexctl, tmp_path):
         "pexctl: Couldn't reach broker 127.18.83.1:1883. Connection refused\n")
     assert pexctl("list", "--config", config).stderr == (
         "pexctl: Couldn't reach broker /nonexistent/socket. No such file or directory\n")
+    config = configuration(tmp_path, host="nosuch-socket", port=0)
+    assert pexctl("list", "--config", config).stderr == (
+        "pexctl: Couldn't reach broker nosuch-socket. No such file or directory\n")
 
 
 def test_configuration_that_does_not_load_is_wrong_usage(pexctl):
@@ -314,7 +351,11 @@ def test_tls_with_a_certificate_for_another_host_fails_unless_that_is_allowed(tl
     status, output, stderr = remote("list", "--cafile", keys / "other.pem")
     assert (status, output) == (3, b"")
     assert couldnt_reach(broker) in stderr
-    assert remote("list", "--cafile", keys / "other.pem", "--insecure") == NOTHING_THERE
+    assert remote("attach", "--insecure", "--cafile", keys / "other.pem", "-W", SHORT_TIMEOUT,
+                  "7") == (
+        4, b"",
+        "pexctl: No answer in time. Job 7 is left as it is. Wait for its result: pexctl attach "
+        f"-h 127.0.0.1 -p {broker.port} --cafile {keys}/other.pem --insecure 7\n")
 
 
 def test_tls_to_a_broker_without_it_fails(broker, remote, keys):

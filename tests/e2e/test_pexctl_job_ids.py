@@ -19,8 +19,10 @@ def in_use(what, job_id, port):
             f"`pexctl withdraw -h 127.0.0.1 -p {port} {job_id}`.\n")
 
 
-def test_job_whose_result_is_still_there_is_not_sent_again(broker, remote, server):
-    server.publish_to("out/cmd/7", b"old", retain=True)
+# The service publishes its results with QoS 2.
+@pytest.mark.parametrize("qos", [0, 1, 2])
+def test_job_whose_result_is_still_there_is_not_sent_again(broker, remote, server, qos):
+    server.publish_to("out/cmd/7", b"old", qos, retain=True)
     assert remote("submit", "--id", "7", "greet") == (2, b"", in_use("result", 7, broker.port))
     assert remote("submit", "--detach", "--id", "7", "greet") == (
         2, b"", in_use("result", 7, broker.port))
@@ -44,7 +46,7 @@ def test_other_jobs_at_the_broker_do_not_matter(service, remote, server, scripts
     assert server.retained("in/cmd/77").payload == request("greet")
 
 
-def test_request_of_another_client_is_told(waiting, remote, server):
+def test_request_of_another_client_is_told(waiting, server):
     server.publish("7", request("wait", "theirs"))
     waiting.wait_for_stderr("too.")
     server.publish_to("out/cmd/7", b"theirs", retain=True)
@@ -58,6 +60,14 @@ def test_request_of_another_client_is_told(waiting, remote, server):
 def test_equal_request_is_not_told(waiting, server):
     server.publish("7", request("wait", "mine"))
     server.publish_to("out/cmd/7", b"mine", retain=True)
+    server.publish_to("out/cmd/7", b"")
+    assert waiting.end() == (0, b"mine", "")
+
+
+def test_request_of_another_client_behind_the_result_is_not_told(waiting, broker, server):
+    server.publish_to("out/cmd/7", b"mine")
+    broker.wait_for("Sending PUBACK to pexctl-", count=2)  # for the withdrawal
+    server.publish("7", request("wait", "theirs"))
     server.publish_to("out/cmd/7", b"")
     assert waiting.end() == (0, b"mine", "")
 

@@ -79,6 +79,17 @@ def test_attach_takes_no_other_job(service, remote, server, echo):
         b"70", b"x", b"77"]
 
 
+def test_several_may_wait_at_the_same_time(broker, remote, server):
+    runs = {}
+    for count, job_id in enumerate(["a", "b", "c"], 1):
+        runs[job_id] = remote.start("attach", "--keep", job_id)
+        broker.wait_for("Sending SUBACK to pexctl-", count=3 * count)
+    for job_id in runs:
+        server.publish_to("out/cmd/" + job_id, f"result {job_id}".encode(), retain=True)
+    for job_id, run in runs.items():
+        assert run.end() == (0, f"result {job_id}".encode(), "")
+
+
 def test_verdict_stands_when_a_withdrawal_is_not_confirmed(broker, remote, server):
     server.publish_to("out/cmd/7", failure("no disk"), retain=True)
     run = remote.start("attach", "7")
@@ -122,12 +133,15 @@ def test_withdraw_waits_behind_a_running_job(service, remote, server, broker, wa
 def test_withdraw_without_a_service_is_not_confirmed(broker, remote, server):
     server.publish("7", request("echo"), retain=True)
     server.publish_to("out/cmd/7", b"old", retain=True)
-    assert remote("withdraw", "-W", SHORT_TIMEOUT, "7") == (
+    run = remote.start("withdraw", "-W", SHORT_TIMEOUT, "7")
+    broker.wait_for("Sending PUBACK to pexctl-")
+    server.publish_to("out/cmd/7", b"late", retain=True)  # a result confirms nothing
+    assert run.end() == (
         4, b"",
         "pexctl: No answer in time. The service has not confirmed the withdrawal of job 7. Repeat "
         f"it: {withdraw_command(broker, 7)}\n")
     assert server.retained("in/cmd/7") is None
-    assert server.retained("out/cmd/7").payload == b"old"
+    assert server.retained("out/cmd/7").payload == b"late"
 
 
 def test_list_is_empty(broker, remote):

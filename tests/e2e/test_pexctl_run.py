@@ -136,6 +136,17 @@ def test_used_staging_directory_is_kept_and_named(pexctl, own_scripts):
         assert kept.read() == "text"
 
 
+def test_used_staging_directory_of_a_failed_job_is_named_too(pexctl, own_scripts):
+    own_scripts.add("keep", "io.open(pexenv.staging_dir .. '/kept', 'w'):close() error('x', 0)")
+    status, _, stderr = pexctl("run", "--search-dir", "job_scripts", "keep")
+    (kept,) = left_behind(pexctl)
+    assert (status, stderr) == (
+        1, "ERROR script: failure: x\n"
+        "ERROR lua_agent: job_scripts/keep.lua job failed\n"
+        f"pexctl: The script left files in {pexctl.temporary}/{kept}\n"
+        f"pexctl: The job failed: {RUN_FAILURE}\n")
+
+
 def test_temporary_directory_that_cannot_be_used_is_named(pexctl, own_scripts):
     own_scripts.add("tell", TELL_STAGING_DIR)
     status, answer, stderr = pexctl("run", "tell", env={"TMPDIR": "/nonexistent"})
@@ -149,6 +160,17 @@ def test_standard_output_carries_the_answer_alone(pexctl, own_scripts):
                             "os.execute('echo executed') io.popen('echo opened >&2'):close() "
                             "return 'answered'")
     assert pexctl("run", "talk") == (0, b"answered", "printed\nwrittenexecuted\nopened\n")
+
+
+def test_children_of_a_script_do_not_hold_standard_output(pexctl, own_scripts):
+    # Or whoever reads the answer would wait for the end of what a script leaves behind.
+    own_scripts.add("leave", "os.execute('readlink /proc/self/fd/* >held')")
+    run = pexctl.start("run", "leave")
+    pipe = os.readlink(f"/proc/self/fd/{run.process.stdout.fileno()}")
+    assert run.end().status == 0
+    held = (pexctl.directory / "held").read_text().split()
+    assert pipe.startswith("pipe:") and "/dev/null" in held
+    assert pipe not in held
 
 
 def test_text_that_waits_in_a_buffer_is_written_before_the_end(pexctl, own_scripts):

@@ -1,14 +1,18 @@
 """pexctl submit: one job from the request to its withdrawal, and what may come in between."""
 
+import array
 import contextlib
+import fcntl
 import os
+import pathlib
 import re
 import shlex
 import signal
+import termios
 
 import pytest
 
-from harness import SHORT_TIMEOUT, Server, failure, request
+from harness import SHORT_TIMEOUT, Server, failure, request, wait_until
 
 NO_SUCH_SCRIPT = 'Cannot run job. Script not found "nosuch.lua"'
 
@@ -25,6 +29,11 @@ def published_by_pexctl(broker):
             pattern.findall(broker.log())]
 
 
+def signals_pending(pid):
+    status = pathlib.Path(f"/proc/{pid}/status").read_text()
+    return int(re.search(r"^ShdPnd:\s*(\w+)$", status, re.MULTILINE).group(1), 16) != 0
+
+
 def attach_command(stderr):
     """The arguments of the command that a line on standard error ends with."""
     return shlex.split(re.search(r": pexctl (attach .*)\n$", stderr).group(1))
@@ -39,6 +48,7 @@ def test_job_is_answered_and_withdrawn(service, remote, server, broker, echo):
     service.wait_for_record("server has deregistered 7 job")
     assert published_by_pexctl(broker) == [
         (1, 0, "in/cmd/7", len(request("echo", "hi"))), (1, 1, "in/cmd/7", 0)]
+    assert broker.lines("\tout/cmd/7 (QoS 1)") and broker.lines("\tin/cmd/7 (QoS 1)")
 
 
 def test_job_ids_are_random_unless_given(service, remote, server, echo):
@@ -64,7 +74,7 @@ def test_answer_of_any_bytes_goes_into_a_pipe_unchanged(service, remote, scripts
     ("hex", b"00000000  82 a6 73 74 61 74 75 73  c3 a5 73 69 7a 65 73 92  |..status..sizes.|\n"
             b"00000010  01 cb 3f f8 00 00 00 00  00 00                    |..?.......|\n"),
 ], ids=["auto", "raw", "text", "hex"])
-def test_answer_takes_the_form_that_was_asked_for(service, remote, echo, scripts, form, shown):
+def test_answer_takes_the_form_that_was_asked_for(service, remote, scripts, form, shown):
     scripts.add("packed", "return '\\130\\166status\\195\\165sizes\\146\\001\\203\\063\\248' .. "
                           "('\\0'):rep(6)")
     assert remote("submit", "--as", form, "packed") == (0, shown, "")
@@ -197,6 +207,23 @@ def test_answer_that_cannot_be_written_is_not_withdrawn(service, remote, server,
         "pexctl: Cannot write the answer: No space left on device. Job 7 is left as it is. Wait "
         f"for its result: pexctl attach -h 127.0.0.1 -p {service.broker.port} 7\n")
     assert server.retained("out/cmd/7").payload == b"hi"
+
+
+def test_interrupt_does_not_cut_an_answer(service, remote, scripts):
+    scripts.add("large", "return ('0123456789'):rep(1e6)")
+    run = remote.start("submit", "--keep", "large")
+    waiting_bytes = array.array("i", [0])
+
+    def pipe_is_full():
+        fcntl.ioctl(run.process.stdout, termios.FIONREAD, waiting_bytes)
+        return waiting_bytes[0] >= 65536
+
+    wait_until(pipe_is_full, "an answer that waits for its reader")
+    run.signal(signal.SIGINT)
+    wait_until(lambda: not signals_pending(run.pid), "the signal's delivery")
+    status, answer, stderr = run.end()
+    assert (status, stderr) == (0, "")
+    assert answer == b"0123456789" * 10**6
 
 
 def test_answer_that_nobody_reads_is_not_withdrawn(service, remote, server, echo):

@@ -157,6 +157,8 @@ def test_wait_shows_its_progress_and_clears_it_away(service, terminal, waiting_j
     waiting_job.release()
     status, output = submit.end()
     assert (status, screen(output)) == (0, "done\n")
+    # Drawn when it changes, not at every look at it.
+    assert output.count("(0 s)") == 1
 
 
 def test_progress_is_cut_so_that_it_can_be_erased(service, terminal, waiting_job, to_broker):
