@@ -295,7 +295,7 @@ std::string connection_as_typed(const CLI::App* command)
         const std::string flag = option->get_snames().empty() ? "--" + option->get_lnames().front()
                                                               : "-" + option->get_snames().front();
         const std::string value = flag == "-P" ? "..." : option->results().front();
-        text += " " + flag + (option->get_type_size() == 0 ? "" : " " + shell_word(value));
+        text += " " + flag + (option->get_items_expected_max() == 0 ? "" : " " + shell_word(value));
     }
     return text;
 }
