@@ -14,8 +14,10 @@
 #include <log4cpp/OstreamAppender.hh>
 #include <log4cpp/PatternLayout.hh>
 #include <mutex>
+#include <string_view>
 
 #include "pexctl/failure.h"
+#include "pexctl/text.h"
 
 namespace pexctl {
 
@@ -83,7 +85,9 @@ void show_progress(const std::string& text)
     const auto seconds = std::chrono::duration_cast<std::chrono::seconds>(elapsed).count();
     std::string wanted = text + " (" + std::to_string(seconds) + " s)";
     if (const std::size_t width = terminal_width(STDERR_FILENO); width > 1) {
-        wanted = wanted.substr(0, width - 1);  // a line that wraps could not be erased
+        // A line that wraps could not be erased.
+        const std::string_view fits = std::string_view(wanted).substr(0, width - 1);
+        wanted.resize(without_cut_character(fits).size());
     }
     if (wanted != line.shown) {
         erase_line(line);
