@@ -10,10 +10,10 @@
 #include <map>
 #include <set>
 
-#include "pexctl/answer.h"
 #include "pexctl/log_check.h"
 #include "pexctl/near_name.h"
 #include "pexctl/script_check.h"
+#include "pexctl/text.h"
 #include "properties.h"
 #include "server_comms.h"
 
@@ -53,11 +53,10 @@ std::string real_path(const std::string& path)
 std::string one_line(const std::string& text)
 {
     std::string line;
-    for (const char c : text) {  // render() leaves these two, and escapes all others
-        line += c == '\n' ? "\\x0a" : c == '\t' ? "\\x09" : std::string(1, c);
+    for (const char c : printable(text)) {  // which leaves tabs and line ends
+        line += c == '\t' || c == '\n' || c == '\r' ? "\\x" + hex({&c, 1}) : std::string(1, c);
     }
-    const std::string shown = render(line, View::text, true);
-    return shown.substr(0, shown.find('\n'));
+    return line;
 }
 
 class SetupCheck {
