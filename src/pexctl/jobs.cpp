@@ -290,7 +290,7 @@ ExitStatus list(const Connection& connection, const JobOptions& options)
         }
         const std::string payload = payload_of(message);
         const char* verdict = verdict_of(payload).succeeded ? "succeeded" : "failed";
-        rows.insert({id,
+        rows.insert({printable(id),
                      {is_result ? verdict : "requested", payload.size(),
                       first_line(payload, longest_text)}});
     };
