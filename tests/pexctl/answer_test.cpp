@@ -241,14 +241,15 @@ TEST(AnswerTest, ALineOfAHugeAnswerIsCut)
 {
     const std::string text(100000000, 'x');
     EXPECT_EQ("xxxxxxx...", pexctl::first_line(text, 10));
-    const std::string euros = [] {
-        std::string many;
+    const auto many = [](const std::string& character) {
+        std::string text;
         for (int i = 0; i < 1000; ++i) {
-            many += "\xe2\x82\xac";
+            text += character;
         }
-        return many;
-    }();
-    EXPECT_EQ("\xe2\x82\xac\xe2\x82\xac...", pexctl::first_line(euros, 5));
+        return text;
+    };
+    EXPECT_EQ("\xe2\x82\xac\xe2\x82\xac...", pexctl::first_line(many("\xe2\x82\xac"), 5));
+    EXPECT_EQ("x\xf0\x9f\x98\x80...", pexctl::first_line("x" + many("\xf0\x9f\x98\x80"), 5));
 }
 
 }  // namespace
