@@ -354,7 +354,11 @@ void inspect(Arguments& arguments)
 {
     Inspector inspector(arguments);
     std::size_t end = 0;
-    msgpack::v2::parse(arguments.packed.data(), arguments.packed.size(), end, inspector);
+    try {
+        msgpack::v2::parse(arguments.packed.data(), arguments.packed.size(), end, inspector);
+    } catch (const msgpack::size_overflow&) {  // on 32-bit machines
+        throw BadArguments("The MessagePack announces more than this machine can address.");
+    }
     if (end != arguments.packed.size()) {
         throw BadArguments("There are " + std::to_string(arguments.packed.size() - end) +
                            " bytes more after the MessagePack, from byte " + std::to_string(end) +

@@ -266,6 +266,8 @@ void add_check(CLI::App& app, CommandLine& line)
     command->add_option("CONFIG", line.config_file, "the daemon's configuration")
         ->required()
         ->type_name("CONFIG");
+    command->add_flag("--config-only", line.config_only,
+                      "leave out the scripts; missing directories are warnings");
     command->footer(
         "It reads the configuration, the log's keys, the directories and all scripts, and\n"
         "prints one line a finding, the worst first. The exit status is 1 if something\n"

@@ -19,6 +19,7 @@ struct CommandLine {
     bool force = false;
 
     std::optional<std::string> config_file;
+    bool config_only = false;
     std::vector<std::string> search_dirs;
     std::optional<std::string> staging_dir;
     bool trace = false;

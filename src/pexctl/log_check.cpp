@@ -106,16 +106,14 @@ std::string refusal(const std::string& config_file, const cProperties& config)
 
 class LogCheck {
 public:
-    LogCheck(const std::string& config_file, const cProperties& config)
-        : _file(config_file), _config(config)
+    LogCheck(const std::string& config_file, const cProperties& config, bool config_only)
+        : _file(config_file), _config(config), _config_only(config_only)
     {
     }
 
     Findings run()
     {
-        if (const std::string problem = refusal(_file, _config); !problem.empty()) {
-            add(Finding::error, _file, "The service would abort at the start. log4cpp: " + problem);
-        }
+        check_acceptance();
         for (const auto& [name, type] : appenders(_config)) {
             const std::string key = appender_prefix + name;
             if (writes_a_file(type)) {
@@ -143,6 +141,22 @@ private:
     }
 
     std::string at(const std::string& key) const { return place_of(key, _config, _file); }
+
+    void check_acceptance()
+    {
+        try {
+            if (const std::string problem = refusal(_file, _config); !problem.empty()) {
+                add(Finding::error, _file,
+                    "The service would abort at the start. log4cpp: " + problem);
+            }
+        } catch (const Failure& no_copy) {  // a full disk, for example
+            if (!_config_only) {
+                throw;
+            }
+            add(Finding::warning, _file,
+                std::string("The log's keys could not be tried: ") + no_copy.what());
+        }
+    }
 
     /// log4cpp takes the digits at the beginning, and of a number too large some bits.
     void check_file_size(const std::string& key)
@@ -197,7 +211,7 @@ private:
                 "\"" + std::string(path) + "\" depends on the daemon's working directory.");
         }
         if (const std::string problem = open_problem(path); !problem.empty()) {
-            add(Finding::error, at(key + ".fileName"),
+            add(_config_only ? Finding::warning : Finding::error, at(key + ".fileName"),
                 "The service would run without this log: " + problem);
         }
     }
@@ -220,14 +234,15 @@ private:
 
     const std::string& _file;
     const cProperties& _config;
+    bool _config_only;
     Findings _findings;
 };
 
 }  // namespace
 
-Findings check_log(const std::string& config_file, const cProperties& config)
+Findings check_log(const std::string& config_file, const cProperties& config, bool config_only)
 {
-    return LogCheck(config_file, config).run();
+    return LogCheck(config_file, config, config_only).run();
 }
 
 }  // namespace pexctl

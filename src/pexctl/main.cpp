@@ -185,9 +185,9 @@ ExitStatus submit(const CommandLine& line)
     return submit(connection_of(line), make_request(line, line.script), line.request, job);
 }
 
-ExitStatus check(const std::string& config_file)
+ExitStatus check(const CommandLine& line)
 {
-    const SetupReport report = check_setup(config_file);
+    const SetupReport report = check_setup(*line.config_file, line.config_only);
     bool would_fail = false;
     for (const Finding& finding : report.findings) {
         const bool is_error = finding.level == Finding::error;
@@ -196,9 +196,10 @@ ExitStatus check(const std::string& config_file)
                                      finding.text + "\n");
     }
     if (report.findings.empty()) {
-        write_all(STDOUT_FILENO, "Nothing to object to. Script directories: " +
-                                     std::to_string(report.directories) +
-                                     ", scripts: " + std::to_string(report.scripts) + "\n");
+        const std::string counts =
+            "Script directories: " + std::to_string(report.directories) +
+            (line.config_only ? "" : ", scripts: " + std::to_string(report.scripts));
+        write_all(STDOUT_FILENO, "Nothing to object to. " + counts + "\n");
     }
     return would_fail ? job_failed : job_succeeded;
 }
@@ -229,7 +230,7 @@ ExitStatus execute(const CommandLine& line)
         return list(connection_of(line), line.job);
     }
     if (line.command == "check") {
-        return check(*line.config_file);
+        return check(line);
     }
     return print_script_names(local_setup(line));
 }

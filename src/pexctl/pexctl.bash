@@ -22,7 +22,8 @@ _pexctl_operands()
     local i count=0
     for ((i = 2; i < COMP_CWORD; i++)); do
         case ${COMP_WORDS[i]} in
-            --keep | --detach | --trace | --force | --insecure | -r | --retain | --help) ;;
+            --keep | --detach | --trace | --force | --insecure | -r | --retain | --config-only | \
+                --help) ;;
             -?*) [[ ${COMP_WORDS[i + 1]} == = ]] && ((i += 2)) || ((i++)) ;;
             *) ((count++)) ;;
         esac

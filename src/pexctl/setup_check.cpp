@@ -61,7 +61,10 @@ std::string one_line(const std::string& text)
 
 class SetupCheck {
 public:
-    explicit SetupCheck(const std::string& config_file) : _file(config_file) {}
+    SetupCheck(const std::string& config_file, bool config_only)
+        : _file(config_file), _config_only(config_only)
+    {
+    }
 
     SetupReport run()
     {
@@ -70,11 +73,10 @@ public:
             check_broker();
             check_staging_dir();
             check_search_dirs();
-            add(check_log(_file, _config));
-            add(check_scripts(_dirs, _report.scripts));
+            add(check_log(_file, _config, _config_only));
             _report.directories = _dirs.size();
-            if (_report.scripts == 0 && is_set("script.search_dirs")) {
-                warn(_file, "There is no script in any script directory.");
+            if (!_config_only) {
+                look_at_scripts();
             }
         }
         for (Finding& finding : _report.findings) {
@@ -99,6 +101,11 @@ private:
     {
         _report.findings.push_back({Finding::warning, where, text});
     }
+    /// Something is wrong that the configuration names, not the configuration.
+    void surroundings(const std::string& where, const std::string& text)
+    {
+        _report.findings.push_back({_config_only ? Finding::warning : Finding::error, where, text});
+    }
 
     bool is_set(const char* key) const { return _config.getString(key, nullptr) != nullptr; }
     std::string at(int line) const { return _file + ":" + std::to_string(line); }
@@ -113,8 +120,10 @@ private:
     void check_search_dirs();
     void check_entry(const std::string& entry);
     bool check_search_dir(const std::string& dir);
+    void look_at_scripts();
 
     std::string _file;
+    bool _config_only;
     cProperties _config;
     std::vector<std::string> _dirs;  ///< those that can be searched, each once
     SetupReport _report;
@@ -195,7 +204,7 @@ void SetupCheck::check_unix_socket(const std::string& path)
     } else if (stat(path.c_str(), &status) != 0) {
         warn(path, std::string("The broker's socket: ") + std::strerror(errno));
     } else if (!S_ISSOCK(status.st_mode)) {
-        error(path, "This should be the broker's socket, and is something else.");
+        surroundings(path, "This should be the broker's socket, and is something else.");
     }
 }
 
@@ -212,12 +221,12 @@ void SetupCheck::check_staging_dir()
     if (path.empty()) {
         error(at(key), "script.staging_dir is empty: scripts would write into \"/\".");
     } else if (stat(value, &status) != 0) {
-        error(path, std::string("The staging directory: ") + std::strerror(errno));
+        surroundings(path, std::string("The staging directory: ") + std::strerror(errno));
     } else if (!S_ISDIR(status.st_mode)) {
-        error(path, "The staging directory is not a directory.");
+        surroundings(path, "The staging directory is not a directory.");
     } else if (access(value, W_OK | X_OK) != 0) {
-        error(path, std::string("Scripts cannot write in the staging directory: ") +
-                        std::strerror(errno));
+        surroundings(path, std::string("Scripts cannot write in the staging directory: ") +
+                               std::strerror(errno));
     }
     if (!path.empty() && path[0] != '/') {
         warn(at(key), "script.staging_dir depends on the daemon's working directory.");
@@ -271,7 +280,7 @@ bool SetupCheck::check_search_dir(const std::string& dir)
 {
     struct stat status;
     if (stat(dir.c_str(), &status) != 0 || access(dir.c_str(), R_OK | X_OK) != 0) {
-        error(dir, std::string("No script is found here: ") + std::strerror(errno));
+        surroundings(dir, std::string("No script is found here: ") + std::strerror(errno));
         return false;
     }
     if ((status.st_mode & S_IWOTH) != 0) {
@@ -280,11 +289,19 @@ bool SetupCheck::check_search_dir(const std::string& dir)
     return true;
 }
 
+void SetupCheck::look_at_scripts()
+{
+    add(check_scripts(_dirs, _report.scripts));
+    if (_report.scripts == 0 && is_set("script.search_dirs")) {
+        warn(_file, "There is no script in any script directory.");
+    }
+}
+
 }  // namespace
 
-SetupReport check_setup(const std::string& config_file)
+SetupReport check_setup(const std::string& config_file, bool config_only)
 {
-    return SetupCheck(config_file).run();
+    return SetupCheck(config_file, config_only).run();
 }
 
 }  // namespace pexctl

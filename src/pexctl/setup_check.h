@@ -18,6 +18,9 @@ struct SetupReport {
 /// Texts and places are one line each: control characters and what is not UTF-8 are escaped.
 /// Resets log4cpp's configuration in this process. Throws Failure if there is no place for the
 /// temporary copy of the configuration that log4cpp reads.
-SetupReport check_setup(const std::string& config_file);
+///
+/// With `config_only`, what the start of a daemon should depend on: scripts are not looked at, and
+/// what would be an error of the surroundings, such as a missing directory, is a warning.
+SetupReport check_setup(const std::string& config_file, bool config_only = false);
 
 }  // namespace pexctl

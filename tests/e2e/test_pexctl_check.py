@@ -50,6 +50,19 @@ def test_errors_come_first_and_are_a_failure(pexctl, dock, scripts):
     assert lines[2].startswith(f"warning  {config}:")
 
 
+def test_before_a_start_the_configuration_alone_counts(pexctl, dock, scripts):
+    scripts.add("broken", "return return")
+    assert pexctl("check", "--config-only", dock()) == (
+        0, b"Nothing to object to. Script directories: 1\n", "")
+    config = dock(script__staging_dir="/nonexistent")
+    assert pexctl("check", "--config-only", config) == (
+        0, b"warning  /nonexistent: The staging directory: No such file or directory\n", "")
+    config = dock(server_comms__port="x")
+    assert pexctl("check", "--config-only", config) == (
+        1, f"error    {config}:7: \"x\" is no whole number: the service would use 1883.\n".encode(),
+        "")
+
+
 def test_configuration_that_cannot_be_read_is_an_error(pexctl):
     status, report, stderr = pexctl("check", "nosuch.properties")
     assert (status, stderr) == (1, "")

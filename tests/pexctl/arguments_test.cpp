@@ -240,6 +240,15 @@ TEST(ArgumentsTest, RefusesWhatIsNotOneWholeMessagePackObject)
     }
 }
 
+// Data of 4 GiB - 1, and its type, are more than a 32-bit size_t counts.
+TEST(ArgumentsTest, RefusesAnExtensionTypeThatNoMemoryHolds)
+{
+    EXPECT_EQ(sizeof(std::size_t) == 4
+                  ? "The MessagePack announces more than this machine can address."
+                  : "The MessagePack ends too early, at byte 5.",
+              complaint(arguments_from_msgpack, "\xc9\xff\xff\xff\xff\x01"s));
+}
+
 TEST(ArgumentsTest, ALongKeyIsShortenedInAPath)
 {
     const auto path_of = [](const std::string& key) {

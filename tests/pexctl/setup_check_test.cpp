@@ -57,9 +57,9 @@ protected:
     }
 
     /// The findings as lines, with "DIR" again.
-    Texts check(const std::string& config)
+    Texts check(const std::string& config, bool config_only = false)
     {
-        report = pexctl::check_setup(dir.write("config", in_place(config)));
+        report = pexctl::check_setup(dir.write("config", in_place(config)), config_only);
         return lines_of_report();
     }
 
@@ -749,6 +749,68 @@ TEST_F(SetupCheckTest, BlamesNoConfigurationForACopyThatCannotBeWritten)
     std::signal(SIGXFSZ, handled_before);
     EXPECT_NE(std::string::npos, problem.find("/config: File too large")) << problem;
     EXPECT_TRUE(fs::is_empty(dir.path() + "/tmp"));
+}
+
+TEST_F(SetupCheckTest, BlamesTheConfigurationAloneBeforeAStart)
+{
+    script("scripts/broken.lua", "x");
+    EXPECT_EQ(Texts{}, check(good, true));
+    EXPECT_EQ(0u, report.scripts);
+    dir.write("file", "");
+    const struct {
+        const char* config;
+        const char* warning;
+    } cases[] = {
+        {"script.search_dirs=DIR/none\nscript.staging_dir=DIR/staging\n",
+         "warning DIR/none/: No script is found here: No such file or directory"},
+        {"script.search_dirs=DIR/scripts\nscript.staging_dir=DIR/none\n",
+         "warning DIR/none: The staging directory: No such file or directory"},
+        {"script.search_dirs=DIR/scripts\nscript.staging_dir=DIR/file\n",
+         "warning DIR/file: The staging directory is not a directory."},
+        {"script.search_dirs=DIR/scripts\nscript.staging_dir=DIR/staging\n"
+         "server_comms.host=DIR/file\nserver_comms.port=0\n",
+         "warning DIR/file: This should be the broker's socket, and is something else."},
+    };
+    for (const auto& c : cases) {
+        SCOPED_TRACE(c.warning);
+        EXPECT_EQ(Texts{c.warning}, check(c.config + log_lines, true));
+    }
+    EXPECT_EQ((Texts{"warning DIR/config:5: The service would run without this log: DIR/none: No "
+                     "such file or directory"}),
+              check(dirs + staging +
+                        "rootCategory=INFO, f\n"
+                        "appender.f=FileAppender\n"
+                        "appender.f.fileName=DIR/none/log\n"
+                        "appender.f.layout=BasicLayout\n",
+                    true));
+}
+
+TEST_F(SetupCheckTest, RefusesAWrongConfigurationBeforeAStart)
+{
+    const struct {
+        std::string config;
+        const char* error;
+    } cases[] = {
+        {good + "server_comms.port=1883x\n",
+         "error DIR/config:7: \"1883x\" is no whole number: the service would use 1883."},
+        {dirs + log_lines,
+         "error DIR/config: script.staging_dir is missing: the service would abort at the start."},
+        {dirs + staging + "rootCategory=info\n",
+         "error DIR/config: The service would abort at the start. log4cpp: unknown priority name: "
+         "'info' for category 'rootCategory'"},
+    };
+    for (const auto& c : cases) {
+        SCOPED_TRACE(c.config);
+        EXPECT_EQ(Texts{c.error}, check(c.config, true));
+    }
+}
+
+TEST_F(SetupCheckTest, StartsWithoutAPlaceForItsCopyOfTheConfiguration)
+{
+    const EnvironmentVariable temporary("TMPDIR", dir.path() + "/none");
+    const Texts found = check(good, true);
+    ASSERT_EQ(1u, found.size());
+    EXPECT_EQ(0u, found[0].find("warning DIR/config: The log's keys could not be tried: "));
 }
 
 TEST_F(SetupCheckTest, TellsInTheOrderOfTheChecks)
