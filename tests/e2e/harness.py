@@ -69,6 +69,23 @@ def pexctl_binary():
     return os.path.abspath(os.environ.get("PEXCTL", REPOSITORY / "build/debug/pexctl"))
 
 
+def pexctl_program(directory):
+    """An executable named pexctl in `directory`, for what takes one word; runs the wrapper, too."""
+    program = pathlib.Path(directory) / "pexctl"
+    program.write_text(f'#!/bin/sh\nexec {shlex.join([*WRAPPER, pexctl_binary()])} "$@"\n')
+    program.chmod(0o755)
+    return str(program)
+
+
+def word_size():
+    """The width of the daemon's pointers, of size_t and of long, in bits. In files of the format
+    ELF, byte 4 tells it."""
+    with open(binary(), "rb") as file:
+        head = file.read(5)
+    assert head[:4] == b"\x7fELF", head
+    return {1: 32, 2: 64}[head[4]]
+
+
 def own_environment(env=()):
     """The environment of the programs under test: this one's, without what Lua listens to."""
     inherited = {name: value for name, value in os.environ.items() if not name.startswith("LUA_")}

@@ -4,7 +4,7 @@ import subprocess
 
 import pytest
 
-from harness import REPOSITORY, Scripts, Service, pexctl_binary
+from harness import REPOSITORY, Scripts, Service, pexctl_program
 
 COMPLETION = REPOSITORY / "src/pexctl/pexctl.bash"
 COMMANDS = ["run", "submit", "attach", "withdraw", "list", "check", "--help", "--version"]
@@ -21,9 +21,11 @@ def bash(pexctl, script, *arguments):
 
 
 @pytest.fixture
-def complete(pexctl):
+def complete(pexctl, tmp_path):
     """complete("run", "gr") returns what bash offers for the last word."""
-    def offered(*words, program=pexctl_binary()):
+    program_of_test = pexctl_program(tmp_path)
+
+    def offered(*words, program=program_of_test):
         return sorted(bash(pexctl, """
             COMP_WORDS=("$@")
             COMP_CWORD=$(($# - 1))
@@ -136,6 +138,6 @@ def test_other_operands(complete, words, offered):
 def test_program_may_be_found_by_the_path(complete, pexctl, monkeypatch):
     programs = pexctl.directory / "programs"
     programs.mkdir()
-    (programs / "pexctl").symlink_to(pexctl_binary())
+    pexctl_program(programs)
     monkeypatch.setenv("PATH", f"{programs}:/usr/bin:/bin")
     assert complete("submit", "ba", program="pexctl") == ["backup"]

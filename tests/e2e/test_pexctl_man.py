@@ -5,7 +5,7 @@ import subprocess
 
 import pytest
 
-from harness import DEADLINE, REPOSITORY, pexctl_binary
+from harness import DEADLINE, REPOSITORY
 
 PAGE = REPOSITORY / "src/pexctl/pexctl.1"
 COMMANDS = ["run", "submit", "attach", "withdraw", "list", "check"]
@@ -18,10 +18,9 @@ def test_is_well_formed():
 
 
 @pytest.mark.parametrize("command", COMMANDS)
-def test_leaves_out_nothing_that_the_help_has(command):
+def test_leaves_out_nothing_that_the_help_has(pexctl, command):
     page = PAGE.read_text().replace("\\-", "-")
-    usage = subprocess.run([pexctl_binary(), command, "--help"], capture_output=True, text=True,
-                           timeout=DEADLINE, check=True).stdout
+    usage = pexctl(command, "--help").stdout.decode()
     options = set(re.findall(r"(?<![\w-])--?[a-zA-Z][a-z-]*", usage.split("Examples:")[0]))
     options.discard("--help")
     assert [option for option in sorted(options) if option not in page] == []
