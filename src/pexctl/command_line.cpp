@@ -191,7 +191,7 @@ void add_run(CLI::App& app, CommandLine& line)
         "The exit status is 0 if the job succeeded and 1 if it failed.\n"
         "Examples:\n"
         "  pexctl run ./greet.lua '{\"name\": \"dock 7\"}'\n"
-        "  pexctl run --config /etc/pex-command.properties greet @args.json");
+        "  pexctl run --config /etc/pex-command/pex-command.properties greet @args.json");
 }
 
 void add_submit(CLI::App& app, CommandLine& line)
@@ -256,7 +256,7 @@ void add_list(CLI::App& app, CommandLine& line)
     command->footer(
         "Examples:\n"
         "  pexctl list\n"
-        "  pexctl list -h /run/mosquitto/pex-command.sock");
+        "  pexctl list -h /run/pex-command/broker.sock");
 }
 
 void add_check(CLI::App& app, CommandLine& line)
@@ -274,7 +274,7 @@ void add_check(CLI::App& app, CommandLine& line)
         "would fail. It sees what you may see, so run it as the daemon's user.\n"
         "Examples:\n"
         "  pexctl check pex-command.properties\n"
-        "  sudo -u daemon pexctl check /etc/pex-command.properties");
+        "  sudo -u pex-command pexctl check /etc/pex-command/pex-command.properties");
 }
 
 /// For the completion of script names in a shell.

@@ -1,4 +1,4 @@
-"""The man page of pexctl: it is well formed, and leaves out no command and no option."""
+"""The man pages are well formed, and pexctl's leaves out no command and no option."""
 
 import re
 import subprocess
@@ -11,8 +11,10 @@ PAGE = REPOSITORY / "src/pexctl/pexctl.1"
 COMMANDS = ["run", "submit", "attach", "withdraw", "list", "check"]
 
 
-def test_is_well_formed():
-    lint = subprocess.run(["mandoc", "-Tlint", "-Wwarning", PAGE], capture_output=True, text=True,
+@pytest.mark.parametrize("page", [PAGE, REPOSITORY / "packaging/pex-command.8"],
+                         ids=lambda page: page.name)
+def test_is_well_formed(page):
+    lint = subprocess.run(["mandoc", "-Tlint", "-Wwarning", page], capture_output=True, text=True,
                           timeout=DEADLINE)
     assert (lint.returncode, lint.stdout) == (0, "")
 

@@ -1,0 +1,320 @@
+"""The package on a Debian 12 that has booted: the unit, what it lets scripts do, and what an operator
+sees. systemd, the broker and the daemon are the real ones. The machine has no memory controller, so
+MemoryMax= is not tried here."""
+
+import re
+
+import pytest
+
+from machine import DEADLINE, Machine, UNIT, wait_until
+
+CONFIG = "/etc/pex-command/pex-command.properties"
+SCRIPTS = "/usr/share/pex-command/scripts/"
+
+
+@pytest.fixture(scope="module")
+def machine(clean_root):
+    booted = Machine(clean_root)
+    try:
+        if not booted.boot():
+            pytest.skip("a machine cannot be started here: " + booted.console()[-300:])
+        yield booted
+    finally:
+        booted.shut_down()
+
+
+@pytest.fixture(scope="module")
+def installed(machine, package):
+    """The machine after the one command that installs the package, and its output in `.output`."""
+    machine.path("/root/package.deb").write_bytes(package.read_bytes())
+    machine.output = machine.run("apt-get", "install", "--yes", "/root/package.deb")
+    for script in machine.path("/usr/share/pex-command/examples/scripts").iterdir():
+        machine.path(SCRIPTS + script.name).write_bytes(script.read_bytes())
+    return machine
+
+
+@pytest.fixture
+def dock(installed):
+    """The machine, with a service that is up at the beginning, and as it was installed at the end."""
+    config = installed.path(CONFIG).read_text()
+    greet(installed)
+    yield installed
+    installed.path(CONFIG).write_text(config)
+    installed.run("rm", "-rf", f"/etc/systemd/system/{UNIT}.service.d")
+    installed.run("systemctl", "daemon-reload")
+    restart(installed)
+
+
+def restart(machine):
+    machine.run("systemctl", "restart", UNIT)
+    greet(machine)
+
+
+def script(machine, name, text):
+    machine.path(SCRIPTS + name + ".lua").write_text(text)
+
+
+def submit(machine, *arguments):
+    # Retained, since the service may not have subscribed yet.
+    return machine.run("pexctl", "submit", "--retain", "--as", "raw", *arguments)
+
+
+def greet(machine, *arguments):
+    """A job as a sign of life: it waits until the service is up."""
+    assert submit(machine, *arguments, "greet", '{"name": "dock 7"}') == "Hello, dock 7!"
+
+
+def answer(machine, name, text, *arguments):
+    """What a script answers that is put there for this."""
+    script(machine, name, text)
+    return submit(machine, name, *arguments)
+
+
+def drop_in(machine, text):
+    folder = machine.path(f"/etc/systemd/system/{UNIT}.service.d")
+    folder.mkdir(exist_ok=True)
+    (folder / "local.conf").write_text(text)
+    machine.run("systemctl", "daemon-reload")
+    restart(machine)
+
+
+def test_one_command_installs_and_starts(installed):
+    assert "Setting up pex-command" in installed.output
+    assert installed.property("ActiveState") == "active"
+    assert installed.run("systemctl", "is-enabled", UNIT) == "enabled\n"
+    greet(installed)
+
+
+def test_unit_is_verified_without_a_word(installed):
+    # Its manual page is there; the program that shows it is not.
+    assert installed.run("systemd-analyze", "verify", "--man=no",
+                         f"/lib/systemd/system/{UNIT}.service") == ""
+    assert installed.path("/usr/share/man/man8/pex-command.8.gz").exists()
+
+
+def test_unit_is_exposed_by_no_more_than_two_and_a_half(installed):
+    report = installed.run("systemd-analyze", "security", "--offline=yes", "--threshold=25",
+                           "--no-pager", f"/lib/systemd/system/{UNIT}.service")
+    assert "Overall exposure level" in report
+
+
+def test_scripts_run_as_a_user_without_rights(dock):
+    status = dict(line.split(":\t", 1) for line in answer(
+        dock, "status", "return io.open('/proc/self/status'):read('*a')").splitlines()
+        if ":\t" in line)
+    uid = dock.run("id", "-u", "pex-command").strip()
+    assert status["Uid"].split() == [uid] * 4 and uid != "0"
+    assert (status["CapEff"], status["CapBnd"]) == ("0" * 16, "0" * 16)
+    assert (status["NoNewPrivs"], status["Seccomp"]) == ("1", "2")
+
+
+@pytest.mark.parametrize("path", [
+    "/var/lib/pex-command/staging/kept", "/var/log/pex-command/kept", "/tmp/kept",
+])
+def test_scripts_may_write(dock, path):
+    assert answer(dock, "write", f"assert(io.open('{path}', 'w')):close() return 'yes'") == "yes"
+
+
+@pytest.mark.parametrize("path", [
+    "/etc/kept", "/usr/share/pex-command/scripts/kept.lua", "/usr/share/pex-command/kept.lua",
+    "/home/kept", "/root/kept", "/srv/kept", CONFIG,
+])
+def test_scripts_may_not_write(dock, path):
+    told = answer(dock, "write", f"return tostring(select(2, io.open('{path}', 'w')))")
+    assert told.startswith(path + ": "), told
+
+
+def test_what_scripts_keep_in_tmp_is_theirs_alone(dock):
+    answer(dock, "write", "io.open('/tmp/mine', 'w'):close() return 'yes'")
+    assert not dock.path("/tmp/mine").exists()
+    assert "mine" not in dock.run("ls", "/tmp")
+
+
+@pytest.mark.parametrize("work, result", [
+    ("return io.popen('echo hi | tr a-z A-Z'):read('*a')", "HI\n"),
+    ("return io.open('/dev/zero', 'rb'):read(3)", "\0\0\0"),
+    ("return io.open('/proc/meminfo'):read('*l'):match('%a+')", "MemTotal"),
+    ("return tostring(os.execute(\"bash -c 'exec 3<>/dev/tcp/127.0.0.1/1883'\"))", "true"),
+], ids=["pipe", "device", "proc", "tcp"])
+def test_ordinary_work_of_device_scripts_goes_on(dock, work, result):
+    assert answer(dock, "work", work) == result
+
+
+def test_a_drop_in_opens_a_path(dock):
+    dock.run("install", "-d", "-o", "pex-command", "/srv/data")
+    probe = "return tostring(io.open('/srv/data/x', 'w'))"
+    assert answer(dock, "probe", probe) == "nil"
+    drop_in(dock, "[Service]\nReadWritePaths=/srv/data\n")
+    assert answer(dock, "probe", probe).startswith("file (")
+
+
+def test_a_drop_in_gives_a_group_for_a_device(dock):
+    dock.run("install", "-m", "660", "-g", "dialout", "/dev/null", "/srv/device")
+    probe = "return tostring(io.open('/srv/device'))"
+    assert answer(dock, "probe", probe) == "nil"
+    drop_in(dock, "[Service]\nSupplementaryGroups=dialout\n")
+    assert answer(dock, "probe", probe).startswith("file (")
+
+
+def test_a_drop_in_gives_a_capability(dock):
+    drop_in(dock, "[Service]\nCapabilityBoundingSet=CAP_NET_ADMIN\n"
+            "AmbientCapabilities=CAP_NET_ADMIN\n")
+    assert "CapEff:\t0000000000001000\n" in answer(
+        dock, "status", "return io.open('/proc/self/status'):read('*a')")
+
+
+def test_stop_does_not_cut_a_job_short(dock):
+    script(dock, "wait", """
+        local file = pexenv.staging_dir .. "/running"
+        io.open(file, "w"):close()
+        repeat local running = io.open(file) if running then running:close() end until not running
+        return "finished"
+    """)
+    running = dock.path("/var/lib/pex-command/staging/running")
+    dock.run("pexctl", "submit", "--detach", "--id", "long", "wait")
+    wait_until(running.exists, "the job to run")
+    since = dock.mark()
+    stop = dock.start("systemctl", "stop", UNIT)
+    dock.wait_for_journal("Stopping", since)
+    assert dock.property("ActiveState") == "deactivating"
+    running.unlink()
+    assert stop.wait(DEADLINE) == 0
+    assert "Closing server comms service" in dock.journal(since)
+    dock.run("systemctl", "start", UNIT)
+    greet(dock)
+    assert dock.run("pexctl", "attach", "--as", "raw", "long") == "finished"
+
+
+def test_a_script_that_ends_the_daemon_does_not_end_the_service(dock):
+    script(dock, "leave", "os.exit(0)")
+    since = dock.mark()
+    dock.run("pexctl", "submit", "--detach", "leave")
+    dock.wait_for_journal("Scheduled restart job", since)
+    greet(dock)
+
+
+def test_a_request_that_comes_back_is_seen_and_can_be_ended(dock):
+    assert dock.property("RestartUSec") == "10s"
+    assert dock.property("StartLimitIntervalUSec") == "0"
+    dock.path("/root/nil").write_bytes(b"\x81\xc0\x01")  # {nil: 1}
+    since = dock.mark()
+    submit(dock, "--force", "--msgpack", "/root/nil", "--detach", "--id", "bad", "greet")
+    told = dock.wait_for_journal("Scheduled restart job, restart counter", since)
+    at = [told.index(text) for text in [
+        "job (bad) is to run lua script: greet",
+        "PANIC: unprotected error in call to Lua API (table index is nil)",
+        "status=6/ABRT",
+        "Ended by ABRT (signal). If the same job ends it at each start, its request is retained: "
+        "pexctl withdraw JOBID",
+        "Scheduled restart job, restart counter",
+    ]]
+    assert at == sorted(at)
+    assert re.search("^bad +requested", dock.run("pexctl", "list"), re.MULTILINE)
+    second = since + len(told)
+    dock.wait_for_journal("Ended by ABRT", second)
+    # 4: nobody confirms it, but the request is gone.
+    dock.run("pexctl", "withdraw", "-W", "1", "bad", status=4)
+    assert "requested" not in dock.run("pexctl", "list")
+    greet(dock)
+
+
+@pytest.mark.parametrize("config, told", [
+    ("server_comms.port=1883x\n", 'error    {0}:1: "1883x" is no whole number: the service would '
+     "use 1883."),
+    ("rootCategory=LOUD\n", "error    {0}: The service would abort at the start. log4cpp: unknown "
+     "priority name: 'LOUD' for category 'rootCategory'"),
+    ("\0", "error    {0}: The service does not start: the file cannot be read: it holds a zero byte"),
+    (None, "error    {0}: The service does not start: the file cannot be read: No such file or "
+     "directory"),
+], ids=["port", "log", "zero-byte", "missing"])
+def test_a_wrong_configuration_does_not_come_up_and_says_why(dock, config, told):
+    file = dock.path(CONFIG)
+    if config is None:
+        file.unlink()
+    else:
+        file.write_text(config + file.read_text())
+    since = dock.mark()
+    dock.run("systemctl", "restart", UNIT, status=1)
+    assert told.format(CONFIG) in dock.wait_for_journal("Failed to start", since)
+    assert "Server comms config" not in dock.journal(since)
+
+
+def test_a_missing_directory_is_told_and_keeps_nothing_down(dock):
+    file = dock.path(CONFIG)
+    file.write_text("script.search_dirs=/none:/usr/share/pex-command/scripts\n" + file.read_text())
+    since = dock.mark()
+    restart(dock)
+    assert ("warning  /none/: No script is found here: No such file or directory"
+            in dock.journal(since))
+    greet(dock)
+
+
+def test_broker_on_a_unix_socket_as_the_documents_set_it_up(dock):
+    examples = "/usr/share/pex-command/examples/mosquitto"
+    places = {"dock.conf": "/etc/mosquitto/conf.d/pex-command.conf",
+              "dock.acl": "/etc/mosquitto/pex-command.acl",
+              "mosquitto.service.d/pex-command.conf":
+                  "/etc/systemd/system/mosquitto.service.d/pex-command.conf"}
+    for file, place in places.items():
+        dock.run("install", "-D", "-m", "644", f"{examples}/{file}", place)
+    dock.run("systemctl", "daemon-reload")
+    dock.run("systemctl", "restart", "mosquitto")
+    file = dock.path(CONFIG)
+    file.write_text("server_comms.host=/run/pex-command/broker.sock\nserver_comms.port=0\n" +
+                    file.read_text())
+    dock.run("systemctl", "restart", UNIT)
+    socket = ["-h", "/run/pex-command/broker.sock"]
+    try:
+        assert dock.run("stat", "-c", "%U:%G %a", "/run/pex-command").split() == [
+            "mosquitto:pex-command", "2750"]
+        greet(dock, *socket)
+        # In the group, and not.
+        assert "holds no results" in dock.run("pexctl", "list", *socket, user="pex-command")
+        refused = dock.run("pexctl", "list", *socket, user="nobody", status=3)
+        assert "Permission denied" in refused
+        # No port is open any more.
+        dock.run("pexctl", "list", "-h", "127.0.0.1", status=3)
+        # The bare machine has no kill(1), which Debian's own unit names.
+        told = dock.run("systemd-analyze", "verify", "--man=no",
+                        "/lib/systemd/system/mosquitto.service", status=None)
+        assert [line for line in told.splitlines() if "/bin/kill" not in line] == []
+    finally:
+        dock.run("rm", *places.values())
+        dock.run("systemctl", "daemon-reload")
+        dock.run("systemctl", "restart", "mosquitto")
+
+
+def test_upgrade_restarts_the_service_and_keeps_a_changed_configuration(dock, repack):
+    config = dock.path(CONFIG)
+    config.write_text("# The administrator's.\n" + config.read_text())
+    changed = config.read_text()
+    first = dock.property("MainPID")
+    new = repack("99.0", lambda files: (files / CONFIG[1:]).write_text("# New.\n"))
+    dock.path("/root/new.deb").write_bytes(new.read_bytes())
+    dock.run("dpkg", "--force-confdef", "--force-confold", "--install", "/root/new.deb")
+    greet(dock)
+    assert dock.property("MainPID") != first
+    assert config.read_text() == changed
+
+
+def test_upgrade_over_a_broken_configuration_ends_well_and_says_why(dock, repack):
+    config = dock.path(CONFIG)
+    config.write_text("server_comms.port=none\n" + config.read_text())
+    since = dock.mark()
+    dock.path("/root/new.deb").write_bytes(repack("99.1").read_bytes())
+    dock.run("dpkg", "--force-confdef", "--force-confold", "--install", "/root/new.deb")
+    assert dock.run("dpkg-query", "-W", "-f=${Version} ${db:Status-Status}",
+                    "pex-command") == "99.1 installed"
+    assert '"none" is no whole number' in dock.wait_for_journal("Failed to start", since)
+
+
+def test_remove_stops_and_purge_clears(installed):
+    """The last one: nothing is left for others."""
+    installed.run("dpkg", "--remove", "pex-command")
+    assert installed.property("ActiveState") == "inactive"
+    assert installed.path(CONFIG).exists()
+    installed.run("dpkg", "--purge", "pex-command")
+    left = installed.run("find", "/", "-xdev", "-path", "*pex-command*", "-not", "-path",
+                         "/proc/*", "-not", "-path", "/var/lib/systemd/deb-systemd-helper*")
+    assert [line for line in left.splitlines() if not line.startswith(SCRIPTS)] == [
+        "/usr/share/pex-command", "/usr/share/pex-command/scripts"]
