@@ -124,6 +124,11 @@ def test_scripts_may_not_write(dock, path):
     assert told.startswith(path + ": "), told
 
 
+def test_scripts_see_no_processes_of_others(dock):
+    assert answer(dock, "look", "return tostring(io.open('/proc/1/status'))") == "nil"
+    assert answer(dock, "look", "return tostring(io.open('/proc/self/status'))") != "nil"
+
+
 def test_what_scripts_keep_in_tmp_is_theirs_alone(dock):
     answer(dock, "write", "io.open('/tmp/mine', 'w'):close() return 'yes'")
     assert not dock.path("/tmp/mine").exists()
@@ -164,11 +169,12 @@ def test_a_drop_in_gives_a_capability(dock):
 
 
 def test_stop_does_not_cut_a_job_short(dock):
+    assert dock.property("TimeoutStopUSec") == "15min"
+    # A command of its own, which the stop must not cut short either.
     script(dock, "wait", """
         local file = pexenv.staging_dir .. "/running"
-        io.open(file, "w"):close()
-        repeat local running = io.open(file) if running then running:close() end until not running
-        return "finished"
+        local ended = os.execute("touch " .. file .. "; while [ -e " .. file .. " ]; do sleep 0.1; done")
+        return ended and "finished" or "cut short"
     """)
     running = dock.path("/var/lib/pex-command/staging/running")
     dock.run("pexctl", "submit", "--detach", "--id", "long", "wait")
@@ -250,21 +256,12 @@ def test_a_missing_directory_is_told_and_keeps_nothing_down(dock):
 
 
 def test_broker_on_a_unix_socket_as_the_documents_set_it_up(dock):
-    examples = "/usr/share/pex-command/examples/mosquitto"
-    places = {"dock.conf": "/etc/mosquitto/conf.d/pex-command.conf",
-              "dock.acl": "/etc/mosquitto/pex-command.acl",
-              "mosquitto.service.d/pex-command.conf":
-                  "/etc/systemd/system/mosquitto.service.d/pex-command.conf"}
-    for file, place in places.items():
-        dock.run("install", "-D", "-m", "644", f"{examples}/{file}", place)
-    dock.run("systemctl", "daemon-reload")
-    dock.run("systemctl", "restart", "mosquitto")
-    file = dock.path(CONFIG)
-    file.write_text("server_comms.host=/run/pex-command/broker.sock\nserver_comms.port=0\n" +
-                    file.read_text())
-    dock.run("systemctl", "restart", UNIT)
+    manual = dock.path("/usr/share/doc/pex-command/docs/operating.md").read_text()
+    section = manual.split("## The broker\n")[1].split("\n## ")[0]
+    commands = re.findall("^    (.*)", section, re.MULTILINE)
     socket = ["-h", "/run/pex-command/broker.sock"]
     try:
+        assert dock.run("sh", "-ec", "\n".join(commands)) == "Hello, dock 7!\n"
         assert dock.run("stat", "-c", "%U:%G %a", "/run/pex-command").split() == [
             "mosquitto:pex-command", "2750"]
         greet(dock, *socket)
@@ -279,7 +276,8 @@ def test_broker_on_a_unix_socket_as_the_documents_set_it_up(dock):
                         "/lib/systemd/system/mosquitto.service", status=None)
         assert [line for line in told.splitlines() if "/bin/kill" not in line] == []
     finally:
-        dock.run("rm", *places.values())
+        dock.run("rm", "/etc/mosquitto/conf.d/pex-command.conf", "/etc/mosquitto/pex-command.acl",
+                 "/etc/systemd/system/mosquitto.service.d/pex-command.conf")
         dock.run("systemctl", "daemon-reload")
         dock.run("systemctl", "restart", "mosquitto")
 
