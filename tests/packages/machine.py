@@ -101,4 +101,4 @@ class Machine:
 
     def _enter(self):
         return ["nsenter", f"--target={self._leader}", "--mount", "--uts", "--ipc", "--net", "--pid",
-                "--root", "--wd=/"]
+                "--root", "--wd"]

@@ -261,7 +261,7 @@ def test_broker_on_a_unix_socket_as_the_documents_set_it_up(dock):
     commands = re.findall("^    (.*)", section, re.MULTILINE)
     socket = ["-h", "/run/pex-command/broker.sock"]
     try:
-        assert dock.run("sh", "-ec", "\n".join(commands)) == "Hello, dock 7!\n"
+        assert dock.run("sh", "-ec", "\n".join(commands)) == "Hello, dock 7!"
         assert dock.run("stat", "-c", "%U:%G %a", "/run/pex-command").split() == [
             "mosquitto:pex-command", "2750"]
         greet(dock, *socket)
