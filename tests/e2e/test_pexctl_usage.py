@@ -19,7 +19,7 @@ def test_help_fits_a_screen_and_ends_with_examples(pexctl, command):
     assert lines[-3] == "Examples:"
     for example in lines[-2:]:
         examples_of = "|".join(command or COMMANDS)
-        assert re.match(f"  (sudo -u daemon )?pexctl ({examples_of})( |$)", example), example
+        assert re.match(f"  (sudo -u pex-command )?pexctl ({examples_of})( |$)", example), example
 
 
 def test_help_names_all_commands(pexctl):
@@ -36,7 +36,7 @@ def test_help_names_all_commands(pexctl):
     ("attach", "  --cafile FILE  --capath DIR  --cert FILE  --key FILE  --insecure"),
     ("withdraw", "Usage: pexctl withdraw [OPTIONS] ID"),
     ("list", "Usage: pexctl list [OPTIONS]"),
-    ("check", "Usage: pexctl check CONFIG"),
+    ("check", "Usage: pexctl check [OPTIONS] CONFIG"),
     ("run", "Usage: pexctl run [OPTIONS] SCRIPT [ARGS]"),
 ])
 def test_help_explains(pexctl, command, line):
