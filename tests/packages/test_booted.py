@@ -161,11 +161,27 @@ def test_a_drop_in_gives_a_group_for_a_device(dock):
     assert answer(dock, "probe", probe).startswith("file (")
 
 
-def test_a_drop_in_gives_a_capability(dock):
-    drop_in(dock, "[Service]\nCapabilityBoundingSet=CAP_NET_ADMIN\n"
-            "AmbientCapabilities=CAP_NET_ADMIN\n")
-    assert "CapEff:\t0000000000001000\n" in answer(
-        dock, "status", "return io.open('/proc/self/status'):read('*a')")
+def perl(code):
+    return f"return io.popen([[perl -e '{code}']]):read('*a')"
+
+
+@pytest.mark.parametrize("settings, probe, before, after", [
+    # 17 is AF_PACKET, which needs a capability, too.
+    (["RestrictAddressFamilies=AF_PACKET"], perl("socket(S, 17, 3, 0) or print $!"),
+     "Address family not supported by protocol", "Operation not permitted"),
+    (["CapabilityBoundingSet=CAP_NET_ADMIN", "AmbientCapabilities=CAP_NET_ADMIN"],
+     "return io.open('/proc/self/status'):read('*a'):match('CapEff:%s*(%x+)')",
+     "0000000000000000", "0000000000001000"),
+    # 166 is umount2(2).
+    (["SystemCallFilter=@mount", "CapabilityBoundingSet=CAP_SYS_ADMIN",
+      "AmbientCapabilities=CAP_SYS_ADMIN"], perl('$p = "/none"; syscall(166, $p, 0); print $!'),
+     "Operation not permitted", "No such file or directory"),
+    (["ProtectProc=default"], "return type(io.open('/proc/1/status'))", "nil", "userdata"),
+], ids=lambda value: value[0] if isinstance(value, list) else "")
+def test_a_drop_in_opens_what_the_documents_name(dock, settings, probe, before, after):
+    assert answer(dock, "probe", probe) == before
+    drop_in(dock, "[Service]\n" + "\n".join(settings) + "\n")
+    assert answer(dock, "probe", probe) == after
 
 
 def test_stop_does_not_cut_a_job_short(dock):
