@@ -160,7 +160,7 @@ class Centre(Broker):
             client.username_pw_set(user, password or self.passwords[user])
         client.tls_set(self.cafile, tls_version=ssl.PROTOCOL_TLS_CLIENT)
         client.max_inflight_messages_set(0)
-        client.reconnect_delay_set(1, 1)
+        client.reconnect_delay_set(0.2, 0.2)
         client.on_socket_open = lambda client, data, sock: sock.setsockopt(
             socket.IPPROTO_TCP, socket.TCP_NODELAY, 1)
         client.connect_async(HOST, port or self.server_port)
@@ -295,12 +295,12 @@ class Dock(Broker):
             "pex-command-bridge.conf": filled("mosquitto/bridge.conf", {
                 "DOCK-ID": dock_id,
                 "DOCK-PASSWORD": centre.passwords[dock_id],
-                "address 127.0.0.1:1884": f"address {entrance}",
+                "address 127.0.0.1:884": f"address {entrance}",
                 # Shorter waits, for the impatient.
                 "keepalive_interval 60": "keepalive_interval 5",
                 "restart_timeout 5 60": "restart_timeout 1 1", **dict(replacements)})})
         (directory / "stunnel.conf").write_text(filled("mosquitto/stunnel.conf", {
-            "accept = 127.0.0.1:1884": f"accept = {entrance}",
+            "accept = 127.0.0.1:884": f"accept = {entrance}",
             "connect = centre.example.net:8883": f"connect = {HOST}:{port or centre.port}",
             "/etc/stunnel/centre-ca.crt": centre.cafile,
             # Only root can become somebody else.

@@ -29,7 +29,7 @@ class Root:
     def dpkg(self, *arguments):
         # The libraries that the package depends on are the machine's, or the emulator's.
         subprocess.run(["dpkg", f"--root={self.folder}", "--force-script-chrootless",
-                        "--force-architecture", "--force-depends", "--force-confold", *arguments],
+                        "--force-architecture", "--force-depends", *arguments],
                        check=True, stdin=subprocess.DEVNULL, stdout=subprocess.PIPE,
                        stderr=subprocess.STDOUT, env={**os.environ, "DPKG_COLORS": "never"})
 
@@ -73,11 +73,21 @@ def test_upgrade_keeps_a_changed_configuration_and_shows_the_new_one(root, packa
     root.dpkg("--install", repack("0.0.1"))
     config = root.folder / CONFIG
     config.write_text("# The administrator's.\n")
-    root.dpkg("--install", repack("0.0.2", add_a_line))
+    with pytest.raises(subprocess.CalledProcessError):  # dpkg asks what to do
+        root.dpkg("--install", repack("0.0.2", add_a_line))
+    root.dpkg("--force-confold", "--install", repack("0.0.2", add_a_line))
     assert root.status() == "0.0.2 installed"
     assert config.read_text() == "# The administrator's.\n"
     new = config.with_name(config.name + ".dpkg-dist").read_text()
     assert new.endswith("# New in this version.\n")
+
+
+def test_upgrade_asks_nothing_where_the_package_brings_the_same_configuration(root, repack):
+    root.dpkg("--install", repack("0.0.1"))
+    config = root.folder / CONFIG
+    config.write_text("# The administrator's.\n")
+    root.dpkg("--install", repack("0.0.2"))
+    assert config.read_text() == "# The administrator's.\n"
 
 
 def test_upgrade_brings_a_new_configuration_where_nobody_changed_it(root, repack):
