@@ -1,6 +1,6 @@
 """The package on a Debian 12 that has booted: the unit, what it lets scripts do, and what an operator
-sees. systemd, the broker and the daemon are the real ones. The machine has no memory controller, so
-MemoryMax= is not tried here."""
+sees. systemd, the broker and the daemon are the real ones. The machine has no memory controller, so what
+MemoryMax= does is not tried here."""
 
 import re
 
@@ -70,6 +70,10 @@ def answer(machine, name, text, *arguments):
     return submit(machine, name, *arguments)
 
 
+def perl(code):
+    return f"return io.popen([[perl -e '{code}']]):read('*a')"
+
+
 def drop_in(machine, text):
     folder = machine.path(f"/etc/systemd/system/{UNIT}.service.d")
     folder.mkdir(exist_ok=True)
@@ -135,6 +139,19 @@ def test_a_name_in_a_request_gives_no_record_a_priority(dock):
     assert "forged" not in dock.run("journalctl", "--priority=notice", "--output=cat")
 
 
+def test_what_scripts_keep_is_not_for_others(dock):
+    answer(dock, "write", "io.open(pexenv.staging_dir .. '/mine', 'w'):close() return 'yes'")
+    assert dock.run("stat", "-c", "%U:%G %a",
+                    "/var/lib/pex-command/staging/mine") == "pex-command:pex-command 640\n"
+
+
+def test_memory_and_tasks_are_bounded(dock):
+    total = int(re.search(r"MemTotal: +(\d+) kB", dock.run("cat", "/proc/meminfo"))[1]) * 1024
+    assert int(dock.property("MemoryMax")) == pytest.approx(total / 2, abs=4096)
+    assert dock.property("OOMPolicy") == "continue"
+    assert dock.property("TasksMax") == "256"
+
+
 def test_scripts_see_no_processes_of_others(dock):
     assert answer(dock, "look", "return tostring(io.open('/proc/1/status'))") == "nil"
     assert answer(dock, "look", "return tostring(io.open('/proc/self/status'))") != "nil"
@@ -156,6 +173,12 @@ def test_ordinary_work_of_device_scripts_goes_on(dock, work, result):
     assert answer(dock, "work", work) == result
 
 
+def test_scripts_may_not_change_the_kernel_s_personality(dock):
+    # 135 is personality(2) on amd64, and 0x40000 would put all programs at fixed addresses.
+    assert answer(dock, "probe", perl("syscall(135, 0x40000) and print $!")) == (
+        "Operation not permitted")
+
+
 def test_a_drop_in_opens_a_path(dock):
     dock.run("install", "-d", "-o", "pex-command", "/srv/data")
     probe = "return tostring(io.open('/srv/data/x', 'w'))"
@@ -170,10 +193,6 @@ def test_a_drop_in_gives_a_group_for_a_device(dock):
     assert answer(dock, "probe", probe) == "nil"
     drop_in(dock, "[Service]\nSupplementaryGroups=dialout\n")
     assert answer(dock, "probe", probe).startswith("file (")
-
-
-def perl(code):
-    return f"return io.popen([[perl -e '{code}']]):read('*a')"
 
 
 @pytest.mark.parametrize("settings, probe, before, after", [
