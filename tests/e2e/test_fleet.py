@@ -503,7 +503,9 @@ class FleetRun:
         self.directory = directory
         self.process = subprocess.Popen(
             [FLEET, *arguments], stdin=subprocess.DEVNULL, stdout=subprocess.PIPE,
-            stderr=subprocess.PIPE, text=True, env={**os.environ, "TMPDIR": str(directory)})
+            stderr=subprocess.PIPE, text=True, env={**os.environ, "TMPDIR": str(directory)},
+            # Tests that a shell runs in the background ignore SIGINT, and so would the fleet.
+            preexec_fn=lambda: signal.signal(signal.SIGINT, signal.SIG_DFL))
 
     def end(self):
         """The exit status, standard output and standard error. Nothing may be left."""
