@@ -248,9 +248,13 @@ def test_forbidden_socket_of_the_broker_is_told(new_service, socket_path, wrappe
 
 
 @needs_root
-def test_forbidden_script_fails_to_load(new_service, server, scripts, wrapped):
+@pytest.mark.parametrize("what, mode", [
+    ("job.lua", 0),
+    (".", 0o400),  # the names can be read, so the script is found, but the directory not entered
+], ids=["script", "directory"])
+def test_forbidden_script_fails_to_load(new_service, server, scripts, wrapped, what, mode):
     path = scripts.add("job", "return 'wrong'")
-    path.chmod(0)
+    (scripts.directory / what).chmod(mode)
     wrapped(WITHOUT_ROOTS_RIGHTS)
     service = new_service().start_up()
     assert server.run("7", "job") == LOAD_FAILURE
@@ -268,20 +272,6 @@ def test_forbidden_script_directory_is_logged(new_service, server, scripts, wrap
     assert server.run("7", "job") == NOT_FOUND
     assert service.records("ERROR") == [
         ("ERROR", "lua_agent", f"opendir({scripts.directory}/): Permission denied")]
-
-
-@needs_root
-def test_script_directory_without_the_right_to_enter_it_fails_to_load(new_service, server, scripts,
-                                                                      wrapped):
-    """The names can be read, so the script is found."""
-    path = scripts.add("job", "return 'wrong'")
-    scripts.directory.chmod(0o400)
-    wrapped(WITHOUT_ROOTS_RIGHTS)
-    service = new_service().start_up()
-    assert server.run("7", "job") == LOAD_FAILURE
-    assert service.records("ERROR") == [
-        ("ERROR", "script", f"failure: cannot open {path}: Permission denied"),
-        ("ERROR", "lua_agent", f"{path} job failed")]
 
 
 @needs_root

@@ -560,6 +560,13 @@ def test_fleet_says_which_answer_is_wrong(tmp_path):
     assert "dock-002, job-1: the result is wrong: b'Hello, you!'\n" in out
 
 
+def test_fleet_shows_twenty_failures_at_most(tmp_path):
+    status, out, _ = FleetRun(tmp_path, "1", "--jobs", "23", "--args", "{}", "--expect", "no").end()
+    assert status == 1
+    assert out.count("the result is wrong: ") == 20
+    assert out.endswith("\nand 3 more\n")
+
+
 def test_fleet_says_which_job_has_failed(tmp_path):
     script = tmp_path / "fail.lua"
     script.write_text("error('broken')")

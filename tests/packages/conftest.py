@@ -8,8 +8,11 @@ import os
 import pathlib
 import shutil
 import subprocess
+import sys
 
 import pytest
+
+sys.path.insert(0, str(pathlib.Path(__file__).resolve().parents[1] / "e2e"))  # for harness
 
 
 @pytest.fixture(scope="session")

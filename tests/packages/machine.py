@@ -5,24 +5,18 @@
     machine.wait_for_journal("Started", since)        waits for a line of the unit's journal
 """
 
+import functools
 import os
 import pathlib
 import signal
 import subprocess
-import time
+
+import harness
 
 DEADLINE = 120
 UNIT = "pex-command"
 
-
-def wait_until(condition, what):
-    end = time.monotonic() + DEADLINE
-    while True:
-        value = condition()
-        if value:
-            return value
-        assert time.monotonic() < end, "waited in vain for " + (what() if callable(what) else what)
-        time.sleep(0.05)
+wait_until = functools.partial(harness.wait_until, deadline=DEADLINE)
 
 
 class Machine:

@@ -2,15 +2,11 @@
 architecture. The installed daemon then runs a job; see PEX_COMMAND_WRAPPER in tests/e2e."""
 
 import os
-import pathlib
 import stat
 import subprocess
-import sys
 
+import harness
 import pytest
-
-sys.path.insert(0, str(pathlib.Path(__file__).resolve().parents[1] / "e2e"))
-import harness  # noqa: E402
 
 CONFIG = "etc/pex-command/pex-command.properties"
 
