@@ -91,6 +91,11 @@ bool LuaVM::open()
         log.error("Failed to create a new Lua instance.");
         return false;
     }
+    lua_setallocf(_L, &LuaPool::allocate, &_pool);
+    lua_gc(_L, LUA_GCSTOP, 0);  // until the script runs, nothing is garbage
+    // Globals with room for the libraries' names, or the table grows seven times.
+    lua_createtable(_L, 0, 64);                            // globals
+    lua_rawseti(_L, LUA_REGISTRYINDEX, LUA_RIDX_GLOBALS);  //
     luaL_openlibs(_L);
     return true;
 }
@@ -120,6 +125,7 @@ JobResult LuaVM::executeScript(const char* abs_path, const msgpack::object& args
     loadArgs(args);  // chunk
 
     log.debugStream() << "lua_pcall: " << abs_path;
+    lua_gc(_L, LUA_GCRESTART, 0);
     if (lua_pcall(_L, 0, LUA_MULTRET, 0) != LUA_OK) {  // results, or error
         logLuaError();
         return JobResult(false,

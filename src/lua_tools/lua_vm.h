@@ -7,6 +7,7 @@
 #include <vector>
 
 #include "lua_tools/job_result.h"
+#include "lua_tools/lua_pool.h"
 
 namespace pex {
 
@@ -22,7 +23,8 @@ public:
     LuaVM(const LuaVM&) = delete;
     LuaVM& operator=(const LuaVM&) = delete;
 
-    /// Makes the state, with all standard libraries. Logs a failure and returns false.
+    /// Makes the state, with all standard libraries and its garbage collector stopped. Logs a
+    /// failure and returns false.
     bool open();
     /// Harmless when already closed.
     void close();
@@ -53,6 +55,7 @@ private:
     lua_State* _L;  ///< owned; null unless open
     const char* _staging_dir;
     std::vector<std::string> _search_dirs;
+    LuaPool _pool;  ///< the state's memory
 };
 
 }  // namespace pex

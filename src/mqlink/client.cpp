@@ -172,6 +172,10 @@ try {
 void Client::on_publish(int /*mid*/)
 {
     --_pending;
+    // A result is through, and nothing more is sent that would carry the ACK of its last packet.
+    // Without the ACK a broker with Nagle's algorithm on keeps its next request to itself, for
+    // the 40 ms by which the kernel delays ACKs. The option does not last (tcp(7)).
+    set_option(IPPROTO_TCP, TCP_QUICKACK, 1);
 }
 
 void Client::on_message(const mosquitto_message* msg)
@@ -217,18 +221,20 @@ bool Client::wait_for_turn()
     return true;
 }
 
-/// All but the first fail without harm on a Unix socket, which needs none of them.
 void Client::set_socket_options()
 {
-    const auto set_option = [this](int level, int option, int value) {
-        setsockopt(socket(), level, option, &value, sizeof value);
-    };
     fcntl(socket(), F_SETFD, FD_CLOEXEC);     // a script's children must not hold the connection
     set_option(IPPROTO_TCP, TCP_NODELAY, 1);  // or each small packet waits for the peer's next ACK
     set_option(SOL_SOCKET, SO_KEEPALIVE, 1);
     set_option(IPPROTO_TCP, TCP_KEEPIDLE, tcp_keepidle_s);
     set_option(IPPROTO_TCP, TCP_KEEPINTVL, tcp_keepintvl_s);
     set_option(IPPROTO_TCP, TCP_USER_TIMEOUT, tcp_user_timeout_ms);
+}
+
+/// On a Unix socket, options of TCP fail without harm.
+void Client::set_option(int level, int option, int value)
+{
+    setsockopt(socket(), level, option, &value, sizeof value);
 }
 
 /// Waits until there is something to read, or room for what is to be written. False if the time

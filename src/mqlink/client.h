@@ -82,6 +82,7 @@ private:
 
     bool wait_for_turn();
     void set_socket_options();
+    void set_option(int level, int option, int value);
     bool wait_for_socket(int timeout_ms);
     void subscribe_all();
     void dispatch(Handler& handler, const mosquitto_message* msg);

@@ -154,6 +154,25 @@ TEST_F(LuaVMTest, AllStandardLibrariesAreOpen)
                         "t(require)}, ' ')"));
 }
 
+TEST_F(LuaVMTest, TheGlobalsAreOneTable)
+{
+    EXPECT_EQ("true",
+              answer_to("x = 1\n"
+                        "return tostring(_G._G == _G and package.loaded._G == _G and _ENV == _G "
+                        "and _G.x == 1 and load('return x')() == 1)"));
+}
+
+TEST_F(LuaVMTest, GarbageIsCollectedWhileTheScriptRuns)
+{
+    EXPECT_EQ("true", answer_to("return tostring(collectgarbage('isrunning'))"));
+    EXPECT_EQ("true", answer_to("local most = 0\n"
+                                "for i = 1, 20000 do\n"
+                                "    local garbage = ('x'):rep(1000) .. i\n"
+                                "    most = math.max(most, collectgarbage('count'))\n"
+                                "end\n"
+                                "return tostring(most < 2000)"));  // KiB; it makes 20 MB
+}
+
 TEST_F(LuaVMTest, AScriptSeesTheStagingDirectoryAndNoOtherField)
 {
     EXPECT_EQ("staging_dir=/var/staging;",

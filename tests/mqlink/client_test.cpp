@@ -231,6 +231,21 @@ TEST_F(ClientStartTest, EveryConnectionGetsItsSocketOptions)
     }
 }
 
+/// A broker that delays small packets would keep the next request until the ACK comes by itself.
+TEST_F(ClientStartTest, ThePacketThatEndsAPublicationIsAcknowledgedAtOnce)
+{
+    build();
+    const LoopbackConnection connection;
+    fake_mosquitto.socket = connection.socket();
+    come_up();
+    publish();
+    const int off = 0;  // as the kernel does after a few answers to packets
+    ASSERT_EQ(0, setsockopt(connection.socket(), IPPROTO_TCP, TCP_QUICKACK, &off, sizeof off));
+    ASSERT_EQ(0, option_of(connection.socket(), IPPROTO_TCP, TCP_QUICKACK));
+    library().on_publish(1);
+    EXPECT_EQ(1, option_of(connection.socket(), IPPROTO_TCP, TCP_QUICKACK));
+}
+
 TEST_F(ClientStartTest, AUnixSocketIsKeptFromChildrenAndOtherwiseLeftAlone)
 {
     build();

@@ -15,6 +15,7 @@ std::size_t read_bytes = 0;
 int readdir_error = 0;
 int readdir_entries = 0;
 bool newstate_fails = false;
+bool malloc_fails = false;
 
 }  // namespace
 
@@ -25,6 +26,8 @@ dirent* __real_readdir64(DIR* directory);
 dirent* __wrap_readdir64(DIR* directory);
 lua_State* __real_luaL_newstate();
 lua_State* __wrap_luaL_newstate();
+void* __real_malloc(size_t size);
+void* __wrap_malloc(size_t size);
 
 ssize_t read(int descriptor, void* buffer, size_t size)
 {
@@ -55,6 +58,11 @@ dirent* __wrap_readdir64(DIR* directory)
 lua_State* __wrap_luaL_newstate()
 {
     return newstate_fails ? nullptr : __real_luaL_newstate();
+}
+
+void* __wrap_malloc(size_t size)
+{
+    return malloc_fails ? nullptr : __real_malloc(size);
 }
 
 }  // extern "C"
@@ -91,6 +99,16 @@ NewState::NewState()
 NewState::~NewState()
 {
     newstate_fails = false;
+}
+
+Malloc::Malloc()
+{
+    malloc_fails = true;
+}
+
+Malloc::~Malloc()
+{
+    malloc_fails = false;
 }
 
 }  // namespace failing_calls

@@ -1,7 +1,8 @@
 #pragma once
 
 /// C functions that cannot be made to fail otherwise. A binary that uses this links with
-/// --wrap=readdir64 and --wrap=luaL_newstate; read() is defined here, for the C++ library to find.
+/// --wrap=readdir64, --wrap=luaL_newstate and --wrap=malloc; read() is defined here, for the C++
+/// library to find.
 namespace failing_calls {
 
 /// While it lives, read() fails with `error` after `bytes` bytes were read.
@@ -29,6 +30,15 @@ public:
     ~NewState();
     NewState(const NewState&) = delete;
     NewState& operator=(const NewState&) = delete;
+};
+
+/// While it lives, the project's own malloc calls return null.
+class Malloc {
+public:
+    Malloc();
+    ~Malloc();
+    Malloc(const Malloc&) = delete;
+    Malloc& operator=(const Malloc&) = delete;
 };
 
 }  // namespace failing_calls
