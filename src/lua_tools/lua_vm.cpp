@@ -54,6 +54,16 @@ private:
     std::ostringstream& _stream;
 };
 
+/// The stream, which holds a copy of its own, ends here: before Lua makes its copy.
+std::string pack(const msgpack::object& args)
+{
+    std::ostringstream stream;
+    msgpack::packer<std::ostringstream> packer(stream);
+    FloatKeepingPackVisitor visitor(packer, stream);
+    msgpack::v1::object_parser(args).parse(visitor);
+    return stream.str();
+}
+
 /// Appends ";" + dir + `pattern` per directory to the string field `name` of the table on top of
 /// the stack. Leaves the stack as it was.
 void append_templates(lua_State* L, const char* name, const std::vector<std::string>& dirs,
@@ -172,11 +182,7 @@ void LuaVM::logLuaError()
 void LuaVM::loadArgs(const msgpack::v2::object& args)
 {
     log.debug("loading args onto Lua stack");
-    std::ostringstream stream;
-    msgpack::packer<std::ostringstream> packer(stream);
-    FloatKeepingPackVisitor pack_visitor(packer, stream);
-    msgpack::v1::object_parser(args).parse(pack_visitor);
-    const std::string args_buff = stream.str();
+    const std::string args_buff = pack(args);
 
     PackToLuaConverter converter(_L);
     std::size_t off = 0;

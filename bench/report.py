@@ -1,0 +1,182 @@
+"""What a run finds: figures with goals, tables and curves; printed, and kept as data and plots."""
+
+import csv
+import json
+import os
+import pathlib
+import platform
+import shutil
+import statistics
+import subprocess
+import sys
+import time
+from typing import NamedTuple, Optional
+
+import matplotlib
+matplotlib.use("svg")
+matplotlib.rcParams["svg.hashsalt"] = "bench"  # the same picture for the same numbers
+from matplotlib import pyplot  # noqa: E402
+
+PACKAGES = ["mosquitto", "libmosquitto1", "liblua5.2-0", "liblog4cpp5v5", "libmsgpack-cxx-dev",
+            "libc6", "g++"]
+COLORS = ["#1f5fa8", "#c4541a", "#3a8a4d", "#7a4b9a", "#8a6d1f", "#555555"]
+
+
+class Figure(NamedTuple):
+    case: str
+    name: str
+    unit: str
+    service: float            # a median where it was measured more than once
+    echo: Optional[float]     # the echo client's
+    ratio: Optional[float]    # the median of the pairs' ratios, service / echo client
+    low: Optional[float]      # the least and the greatest of what the goal is about: the ratios,
+    high: Optional[float]     # or without an echo client, the service's values
+    goal: str                 # "at most 1.3", or nothing
+    met: Optional[bool]
+
+    def cells(self):
+        spread = "" if self.low is None else f"{number(self.low)} to {number(self.high)}"
+        goal = self.goal and f"{self.goal}{'' if self.met else ': missed'}"
+        return [self.name, self.unit, number(self.service), number(self.echo),
+                number(self.ratio), spread, goal]
+
+
+HEADS = ["", "unit", "service", "echo", "ratio", "spread", "goal"]
+
+
+def number(value):
+    """Three significant digits, and no fewer than the whole part has."""
+    if value is None:
+        return ""
+    if value == 0 or abs(value) >= 100:
+        return f"{value:,.0f}"
+    return f"{value:.3g}"
+
+
+class Report:
+    """Collects what the cases find, and writes it to `directory`."""
+
+    def __init__(self, directory, quick):
+        self.directory = pathlib.Path(directory)
+        shutil.rmtree(self.directory, ignore_errors=True)
+        self.directory.mkdir(parents=True)
+        self.case = ""
+        self.figures = []
+        self.tables = []
+        self._quick = quick
+        self._begin = time.monotonic()
+
+    def progress(self, text):
+        """One line on standard error, which a terminal replaces by the next."""
+        line = f"[{time.monotonic() - self._begin:4.0f} s] {self.case}: {text}"
+        if sys.stderr.isatty():
+            width = shutil.get_terminal_size().columns - 1
+            print(f"\r\x1b[K{line[:width]}", end="", file=sys.stderr, flush=True)
+        else:
+            print(line, file=sys.stderr, flush=True)
+
+    def end_progress(self):
+        if sys.stderr.isatty():
+            print("\r\x1b[K", end="", file=sys.stderr, flush=True)
+
+    def compare(self, name, unit, services, echoes, at_most=None, at_least=None):
+        """A figure of the service and of the echo client, measured in pairs. The goal is about
+        the ratio."""
+        ratios = [service / echo for service, echo in zip(services, echoes, strict=True)]
+        self._add(name, unit, statistics.median(services), statistics.median(echoes),
+                  ratios, statistics.median(ratios), at_most, at_least)
+
+    def figure(self, name, unit, values, at_most=None, at_least=None):
+        """A figure of the service alone; `values` is one number or a list of them."""
+        values = values if isinstance(values, list) else [values]
+        self._add(name, unit, statistics.median(values), None, values, None, at_most, at_least)
+
+    def _add(self, name, unit, service, echo, spread, ratio, at_most, at_least):
+        value = float(f"{service if ratio is None else ratio:.3g}")  # as it is printed
+        goal, met = "", None
+        if at_most is not None:
+            goal, met = f"at most {number(at_most)}", value <= at_most
+        elif at_least is not None:
+            goal, met = f"at least {number(at_least)}", value >= at_least
+        low, high = (min(spread), max(spread)) if len(spread) > 1 else (None, None)
+        self.figures.append(
+            Figure(self.case, name, unit, service, echo, ratio, low, high, goal, met))
+
+    def table(self, name, heads, rows):
+        """A table of its own: printed, and kept as NAME.csv. Cells are texts or numbers."""
+        self.tables.append((self.case, heads, [[cell if isinstance(cell, str) else number(cell)
+                                                for cell in row] for row in rows]))
+        with open(self.directory / f"{name}.csv", "w", newline="", encoding="utf-8") as file:
+            csv.writer(file).writerows([heads, *rows])
+
+    def plot(self, name, title, xlabel, ylabel, curves, logarithmic=True):
+        """NAME.svg with `curves`, a list of (label, xs, ys)."""
+        figure, axes = pyplot.subplots(figsize=(7, 4.2))
+        for color, (label, xs, ys) in zip(COLORS, curves):
+            axes.plot(xs, ys, marker="o", markersize=4, color=color, label=label)
+        if logarithmic:
+            axes.set_xscale("log")
+            axes.set_yscale("log")
+        else:
+            axes.set_ylim(bottom=0)
+        self.save(figure, axes, name, title, xlabel, ylabel)
+
+    def save(self, figure, axes, name, title, xlabel, ylabel):
+        axes.set_title(title)
+        axes.set_xlabel(xlabel)
+        axes.set_ylabel(ylabel)
+        axes.grid(alpha=0.3)
+        if axes.get_legend_handles_labels()[0]:
+            axes.legend(frameon=False)
+        figure.tight_layout()
+        figure.savefig(self.directory / f"{name}.svg", metadata={"Date": None})
+        pyplot.close(figure)
+
+    def finish(self):
+        """Writes report.md and figures.json, and returns the report's text."""
+        parts = [machine(self._quick)]
+        for case in dict.fromkeys([f.case for f in self.figures] + [t[0] for t in self.tables]):
+            parts.append(f"## {case}")
+            cells = [figure.cells() for figure in self.figures if figure.case == case]
+            if cells:
+                parts.append(markdown(HEADS, cells))
+            parts += [markdown(heads, rows) for owner, heads, rows in self.tables if owner == case]
+        text = "\n\n".join(parts) + "\n"
+        (self.directory / "report.md").write_text(text, encoding="utf-8")
+        (self.directory / "figures.json").write_text(
+            json.dumps([figure._asdict() for figure in self.figures], indent=1) + "\n",
+            encoding="utf-8")
+        return text
+
+
+def markdown(heads, rows):
+    """A table that reads well as it stands, too. All columns but the first are right-aligned,
+    unless they hold words."""
+    widths = [max(len(str(row[i])) for row in [heads, *rows]) for i in range(len(heads))]
+    numeric = [all(str(row[i])[:1] in "-0123456789" for row in rows) for i in range(len(heads))]
+    def line(cells):
+        return "| " + " | ".join(
+            str(cell).rjust(width) if is_number else str(cell).ljust(width)
+            for cell, width, is_number in zip(cells, widths, numeric)) + " |"
+
+    rule = "|" + "|".join("-" * (width + 1) + (":" if is_number else "-")
+                          for width, is_number in zip(widths, numeric)) + "|"
+    return "\n".join([line(heads), rule, *map(line, rows)])
+
+
+def machine(quick):
+    """What the figures were measured on."""
+    cpu = next((line.split(":")[1].strip()
+                for line in pathlib.Path("/proc/cpuinfo").read_text().splitlines()
+                if line.startswith(("model name", "Hardware"))), platform.machine())
+    versions = subprocess.run(
+        ["dpkg-query", "-W", "-f=${Package} ${Version}\n", *PACKAGES],
+        capture_output=True, text=True, check=False).stdout.split("\n")
+    memory = os.sysconf("SC_PAGE_SIZE") * os.sysconf("SC_PHYS_PAGES") / 2**30
+    return "\n".join([
+        f"# Benchmark of {time.strftime('%Y-%m-%d')}" + (" (quick: less than a look)" if quick else ""),
+        "",
+        f"- Machine: {cpu}, {os.cpu_count()} cores, {memory:.1f} GiB, Linux {platform.release()}",
+        f"- Load of the machine at the end (1 minute): {os.getloadavg()[0]:.1f}",
+        f"- Versions: {', '.join(filter(None, versions))}",
+        f"- Command: scripts/bench{' --quick' if quick else ''}"])
