@@ -16,9 +16,11 @@ import matplotlib
 matplotlib.use("svg")
 matplotlib.rcParams["svg.hashsalt"] = "bench"  # the same picture for the same numbers
 from matplotlib import pyplot  # noqa: E402
+from matplotlib.ticker import FuncFormatter  # noqa: E402
 
 PACKAGES = ["mosquitto", "libmosquitto1", "liblua5.2-0", "liblog4cpp5v5", "libmsgpack-cxx-dev",
             "libc6", "g++"]
+PLAIN = FuncFormatter(lambda value, _: f"{value:,g}")  # 1,000, not 10³
 COLORS = ["#1f5fa8", "#c4541a", "#3a8a4d", "#7a4b9a", "#8a6d1f", "#555555"]
 
 
@@ -117,8 +119,13 @@ class Report:
         if logarithmic:
             axes.set_xscale("log")
             axes.set_yscale("log")
+            low, high = axes.get_ylim()
+            if high < 10 * low:  # or what is flat would look like mountains
+                axes.set_ylim(low / 10, high * 10)
+            axes.xaxis.set_major_formatter(PLAIN)
         else:
-            axes.set_ylim(bottom=0)
+            axes.set_ylim(0, 1.15 * max(max(ys) for _, _, ys in curves))
+        axes.yaxis.set_major_formatter(PLAIN)
         self.save(figure, axes, name, title, xlabel, ylabel)
 
     def save(self, figure, axes, name, title, xlabel, ylabel):

@@ -80,9 +80,10 @@ void CommandHandler::publish_result(mqlink::Client& client, const std::string& t
     if (result.getStatus()) {
         // An empty answer is a zero-length retained message, which a server cannot tell from an
         // end of transaction.
-        const std::vector<unsigned char>& answer = result.getAnswer();
+        std::vector<unsigned char>& answer = result.getAnswer();
         if (!answer.empty()) {
             result_buf.write(reinterpret_cast<const char*>(answer.data()), answer.size());
+            std::vector<unsigned char>().swap(answer);  // libmosquitto will make two copies more
         }
     } else {
         msgpack::packer<msgpack::sbuffer> packer(result_buf);

@@ -24,6 +24,7 @@ public:
     ~CommandHandler() override;
 
 private:
+    /// Leaves `result` without its answer.
     void publish_result(mqlink::Client& client, const std::string& topic, JobResult& result);
     void end_transaction(mqlink::Client& client, const std::string& topic);
 

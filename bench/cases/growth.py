@@ -1,7 +1,8 @@
 """How time and memory grow with what a job is given, what it answers and where its script lies.
 
-Each point has a service of its own. Its peak memory is that of the first such request, over what the
-service had needed for a ping; its time is the median of the requests that follow.
+Each point has a service of its own. Peak memory is the process's own highest after the first such
+request; "peak memory / payload" counts what that request added to the peak of a ping. Time is the
+median of the requests that follow.
 """
 
 import os
@@ -84,7 +85,7 @@ def arguments(bench, back, straight):
     """Arguments of several shapes for a script that does not look at them."""
     shapes = [
         ("string", string_request, 64 * MIB, 5.0),
-        # 45 bytes of memory and 0.2 µs for each byte: 64 MiB would take 3 GiB and 15 s a request.
+        # 44 bytes of memory and 0.2 µs for each byte: 64 MiB would take 3 GiB and 15 s a request.
         ("integers", integers_request, 16 * MIB, None),
         ("small maps", maps_request, 16 * MIB, None),
     ]

@@ -14,6 +14,10 @@ public:
     JobResult();
     JobResult(bool status, const std::string& reason);
     virtual ~JobResult();
+    JobResult(const JobResult&) = default;
+    JobResult& operator=(const JobResult&) = default;
+    JobResult(JobResult&&) = default;  // or each return of a result would copy its answer
+    JobResult& operator=(JobResult&&) = default;
 
     void setStatus(bool status);
     void setReason(const std::string& reason);

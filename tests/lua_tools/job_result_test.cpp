@@ -12,6 +12,9 @@ using Bytes = std::vector<unsigned char>;
 
 static_assert(std::has_virtual_destructor_v<JobResult>);
 static_assert(std::is_copy_constructible_v<JobResult> && std::is_copy_assignable_v<JobResult>);
+// Which a copy is not: it may run out of memory.
+static_assert(std::is_nothrow_move_constructible_v<JobResult>);
+static_assert(std::is_nothrow_move_assignable_v<JobResult>);
 
 TEST(JobResultTest, IsAFailureWithoutAReasonByDefault)
 {
