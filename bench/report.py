@@ -21,6 +21,7 @@ from matplotlib.ticker import FuncFormatter  # noqa: E402
 PACKAGES = ["mosquitto", "libmosquitto1", "liblua5.2-0", "liblog4cpp5v5", "libmsgpack-cxx-dev",
             "libc6", "g++"]
 PLAIN = FuncFormatter(lambda value, _: f"{value:,g}")  # 1,000, not 10³
+FIGURES = "figures.json"
 COLORS = ["#1f5fa8", "#c4541a", "#3a8a4d", "#7a4b9a", "#8a6d1f", "#555555"]
 
 
@@ -55,13 +56,24 @@ def number(value):
     return f"{value:.3g}"
 
 
+class NotResults(Exception):
+    """The folder for the results holds something else."""
+
+
+def any_files(directory):
+    return directory.exists() and (not directory.is_dir() or any(directory.iterdir()))
+
+
 class Report:
     """Collects what the cases find, and writes it to `directory`."""
 
     def __init__(self, directory, quick):
         self.directory = pathlib.Path(directory)
+        if any_files(self.directory) and not (self.directory / FIGURES).exists():
+            raise NotResults(f"{directory} has other files than results; they would be lost")
         shutil.rmtree(self.directory, ignore_errors=True)
         self.directory.mkdir(parents=True)
+        (self.directory / FIGURES).write_text("[]\n")  # so that an unfinished run can be replaced
         self.case = ""
         self.figures = []
         self.tables = []
@@ -150,7 +162,7 @@ class Report:
             parts += [markdown(heads, rows) for owner, heads, rows in self.tables if owner == case]
         text = "\n\n".join(parts) + "\n"
         (self.directory / "report.md").write_text(text, encoding="utf-8")
-        (self.directory / "figures.json").write_text(
+        (self.directory / FIGURES).write_text(
             json.dumps([figure._asdict() for figure in self.figures], indent=1) + "\n",
             encoding="utf-8")
         return text

@@ -3,6 +3,7 @@
 import argparse
 import importlib
 import pathlib
+import signal
 import sys
 import tempfile
 
@@ -36,11 +37,15 @@ def main():
     parser.add_argument("--only", action="append", metavar="CASE", choices=CASES,
                         help=f"run this case alone; may be repeated ({', '.join(CASES)})")
     parser.add_argument("--output", default=RESULTS, metavar="DIR",
-                        help="where the data and plots go, emptied first (default: bench/results)")
+                        help="where the data and plots go, in place of earlier ones "
+                             "(default: bench/results)")
     options = parser.parse_args()
 
     with tempfile.TemporaryDirectory(prefix="pex-bench-") as scratch:
-        bench = Bench(options.output, options.quick, scratch)
+        try:
+            bench = Bench(options.output, options.quick, scratch)
+        except report.NotResults as error:
+            parser.error(str(error))
         try:
             for name in options.only or CASES:
                 case = importlib.import_module(f"cases.{name}")
@@ -56,6 +61,7 @@ def main():
 
 
 if __name__ == "__main__":
+    signal.signal(signal.SIGTERM, lambda *call: sys.exit(143))  # so that all processes end
     try:
         sys.exit(main())
     except KeyboardInterrupt:

@@ -168,6 +168,7 @@ def draw(bench, ways):
         axes.bar_label(bars, [report.number(height) for height in heights])
     axes.set_xticks(range(2), ["round trip", "processor time of a job"])
     axes.set_yscale("log")
+    axes.yaxis.set_major_formatter(report.PLAIN)
     bottom, top = axes.get_ylim()
     axes.set_ylim(bottom / 4, 10 * top)  # every bar shows, and there is room for the legend
     bench.save(figure, axes, "alternatives", "One job at a time", "", "microseconds")

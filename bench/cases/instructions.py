@@ -189,5 +189,6 @@ def draw(bench, columns):
                   color=report.COLORS[i], label=f"log at {priority}")
     axes.set_yticks(range(len(CAUSES)), CAUSES)
     axes.invert_yaxis()
+    axes.xaxis.set_major_formatter(report.PLAIN)
     bench.save(figure, axes, "instructions", "Instructions of a job, without the kernel's",
                "instructions", "")

@@ -1,39 +1,64 @@
-"""From a request's publishing to its result's arrival, one job at a time."""
+"""From a request's publishing to its result's arrival, one job at a time.
+
+All settings take turns, so that their times can be compared with each other, too.
+"""
+
+import contextlib
+from typing import NamedTuple
 
 from rig import Broker, Echo, Service, load, request
 
 TITLE = "Round trip"
 
-# What is compared: a name, the broker's transport, the priority of the service's log, the goal for
-# the median's ratio and that for the 99th percentile's.
+
+class Setting(NamedTuple):
+    name: str
+    transport: str  # of the broker
+    priority: str   # of the service's log
+    median_goal: float = None
+    p99_goal: float = None
+
+
 SETTINGS = [
-    ("TCP, no delays", "tcp", "ERROR", 1.3, 1.5),
-    ("TCP, no delays, log at INFO", "tcp", "INFO", 1.4, None),
-    ("TCP, no delays, log at DEBUG", "tcp", "DEBUG", None, None),
-    ("TCP, broker at its defaults", "tcp-default", "ERROR", None, None),
-    ("Unix socket", "unix", "ERROR", None, None),
+    Setting("TCP, no delays", "tcp", "ERROR", 1.3, 1.5),
+    Setting("TCP, no delays, log at INFO", "tcp", "INFO", 1.4),
+    Setting("TCP, no delays, log at DEBUG", "tcp", "DEBUG"),
+    Setting("TCP, broker at its defaults", "tcp-default", "ERROR"),
+    Setting("Unix socket", "unix", "ERROR"),
 ]
 
 
 def run(bench):
     blocks, count = bench.pick((11, 1500), (3, 100))
-    for name, transport, priority, median_goal, p99_goal in SETTINGS:
-        folder = bench.folder()
-        with Broker(folder / "broker", transport) as broker, \
-                Service(folder / "service", broker, priority) as service, \
-                Echo(folder / "echo", broker) as echo:
-            services, echoes = [], []
-            for target in (service, echo):
-                load(target, request(), count)  # warms both up
-            for block in range(blocks):
-                bench.progress(f"{name}, block {block + 1} of {blocks}")
-                services.append(load(service, request(), count))
-                echoes.append(load(echo, request(), count))
+    with contextlib.ExitStack() as stack:
+        pairs = [pair(bench, stack, setting) for setting in SETTINGS]
+        for targets in pairs:
+            measure(targets, count)  # warms them up
+        outcomes = [[] for _ in SETTINGS]
+        for block in range(blocks):
+            for setting, targets, ours in zip(SETTINGS, pairs, outcomes, strict=True):
+                bench.progress(f"block {block + 1} of {blocks}, {setting.name}")
+                ours.append(measure(targets, count))
+    for setting, ours in zip(SETTINGS, outcomes, strict=True):
+        compare(bench, setting, *zip(*ours))
 
-        def compare(label, value, goal=None):
-            bench.compare(f"{name}: {label}", "µs", [value(o) for o in services],
-                          [value(o) for o in echoes], at_most=goal)
 
-        compare("median", lambda o: o.median, median_goal)
-        compare("90 %", lambda o: o.percentile(90))
-        compare("99 %", lambda o: o.percentile(99), p99_goal)
+def pair(bench, stack, setting):
+    """A service and an echo client on a broker of their own, until the stack ends."""
+    folder = bench.folder()
+    broker = stack.enter_context(Broker(folder / "broker", setting.transport))
+    return (stack.enter_context(Service(folder / "service", broker, setting.priority)),
+            stack.enter_context(Echo(folder / "echo", broker)))
+
+
+def measure(targets, count):
+    return [load(target, request(), count) for target in targets]
+
+
+def compare(bench, setting, services, echoes):
+    for label, value, goal in (
+            ("median", lambda outcome: outcome.median, setting.median_goal),
+            ("90 %", lambda outcome: outcome.percentile(90), None),
+            ("99 %", lambda outcome: outcome.percentile(99), setting.p99_goal)):
+        bench.compare(f"{setting.name}: {label}", "µs", list(map(value, services)),
+                      list(map(value, echoes)), at_most=goal)
