@@ -193,7 +193,8 @@ def machine(quick):
         capture_output=True, text=True, check=False).stdout.split("\n")
     memory = os.sysconf("SC_PAGE_SIZE") * os.sysconf("SC_PHYS_PAGES") / 2**30
     return "\n".join([
-        f"# Benchmark of {time.strftime('%Y-%m-%d')}" + (" (quick: less than a look)" if quick else ""),
+        f"# Benchmark of {time.strftime('%Y-%m-%d')}"
+        + (" (quick: its figures mean little)" if quick else ""),
         "",
         f"- Machine: {cpu}, {os.cpu_count()} cores, {memory:.1f} GiB, Linux {platform.release()}",
         f"- Load of the machine at the end (1 minute): {os.getloadavg()[0]:.1f}",

@@ -20,7 +20,7 @@ import msgpack
 
 REPOSITORY = pathlib.Path(__file__).resolve().parents[1]
 BUILD = REPOSITORY / "build/release"
-SERVICE = pathlib.Path(os.environ.get("PEX_COMMAND", BUILD / "pex-command"))
+SERVICE = pathlib.Path(os.environ.get("PEX_COMMAND", BUILD / "pex-command")).resolve()
 ECHO_CLIENT = BUILD / "bench/echo_client"
 LOAD = BUILD / "bench/load"
 HOST = "127.0.0.1"

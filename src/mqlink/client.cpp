@@ -59,14 +59,22 @@ Client::Client(const ClientSessionOptions& options, const char* name)
 
 Client::~Client()
 {
+    stop();
+    _link = Link::down;
+    disconnect();
+}
+
+void Client::stop()
+{
+    if (_stopping) {
+        return;
+    }
     _stopping = true;
     try {
         deliver_pending();
     } catch (...) {
         log_caught("delivery at the end");
     }
-    _link = Link::down;
-    disconnect();
 }
 
 void Client::registerHandler(Handler* handler)

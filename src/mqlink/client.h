@@ -72,6 +72,10 @@ protected:
     void on_message(const mosquitto_message* msg) override;
     void on_subscribe(int mid, int qos_count, const int* granted_qos) override;
 
+    /// The wait of the destructor. A derived class that listens in until the end calls it in its
+    /// own destructor; once it has been called, it does nothing.
+    void stop();
+
 private:
     enum class Link { down, opening, up };
 

@@ -99,7 +99,11 @@ BrokerSession::BrokerSession(const Connection& connection)
     sigaction(SIGINT, &action, nullptr);
 }
 
-BrokerSession::~BrokerSession() = default;
+BrokerSession::~BrokerSession()
+{
+    _ending = true;
+    stop();
+}
 
 void BrokerSession::listen(const std::string& topic, const std::string& job_id, int qos,
                            bool required, Sink sink)
@@ -164,6 +168,13 @@ void BrokerSession::on_publish(int mid)
 {
     _published = mid;
     Client::on_publish(mid);
+}
+
+void BrokerSession::on_message(const mosquitto_message* message)
+{
+    if (!_ending) {  // or what comes now, such as our own withdrawal, would be told as lost
+        Client::on_message(message);
+    }
 }
 
 void BrokerSession::on_subscribe(int mid, int qos_count, const int* granted_qos)

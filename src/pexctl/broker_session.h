@@ -67,6 +67,7 @@ private:
 
     void on_connect(int rc) override;
     void on_publish(int mid) override;
+    void on_message(const mosquitto_message* message) override;
     void on_subscribe(int mid, int qos_count, const int* granted_qos) override;
     void on_log(int level, const char* text) override;
 
@@ -83,6 +84,7 @@ private:
     std::size_t _answered = 0;  ///< subscriptions, on this connection
     bool _refused = false;
     bool _was_ready = false;
+    bool _ending = false;
     std::string _parting_words;
     int _published = 0;  ///< packet identifier of the last message that the broker has taken
 };

@@ -1,10 +1,12 @@
 """pexctl and its broker: where it looks for it, how it logs in, and what it says when it fails."""
 
+import contextlib
 import os
 import shutil
 import signal
 import subprocess
 import tempfile
+import time
 
 import pytest
 
@@ -222,6 +224,26 @@ def test_request_is_sent_again_after_a_lost_connection(pexctl, peer):
     status, output, stderr = run.end()
     assert (status, output) == (0, b"7\n")
     assert stderr.startswith(f"pexctl: Lost the connection to broker {peer.name}. "), stderr
+
+
+def test_own_withdrawal_that_comes_back_at_the_end_is_not_told_as_lost(pexctl, peer):
+    """An interrupted pexctl waits for what it has sent, and the broker sends that to it, too."""
+    run = pexctl.start("withdraw", *options_to(peer), "7")
+    connection = peer.accept()
+    connection.expect_packet()
+    connection.send(connack())
+    subscriptions(connection, 1, 1, 1)
+    connection.expect_packet()  # the withdrawal, which is never acknowledged
+    run.signal(signal.SIGINT)
+    with contextlib.suppress(OSError):  # when it has hung up
+        while run.process.poll() is None:
+            connection.send(publish("in/cmd/7", b""))
+            time.sleep(0.05)
+    outcome = run.end()
+    assert outcome.status == 130
+    assert [line.split(". ")[0] for line in outcome.stderr.splitlines()] == [
+        "pexctl: 1 messages were not acknowledged by the broker and may be lost",
+        "pexctl: Interrupted"]
 
 
 def test_broker_on_a_unix_socket(tmp_path, pexctl):
