@@ -65,16 +65,28 @@ class Memory(NamedTuple):
     peak: int  # the highest that rss ever was
 
 
+def memory(pid):
+    """The Memory of a process."""
+    def kilobytes(name, key):
+        for line in pathlib.Path(f"/proc/{pid}/{name}").read_text().splitlines():
+            if line.startswith(key + ":"):
+                return 1024 * int(line.split()[1])
+        raise Failure(f"no {key} in /proc/{pid}/{name}")
+
+    return Memory(kilobytes("smaps_rollup", "Rss"), kilobytes("smaps_rollup", "Pss"),
+                  kilobytes("status", "VmHWM"))
+
+
 class Process:
     """A process that runs until the `with` block ends."""
 
-    def __init__(self, command, directory, env=None, wrapper=()):
+    def __init__(self, command, directory, wrapper=()):
         self.directory = pathlib.Path(directory)
         self.directory.mkdir(parents=True, exist_ok=True)
         self._stderr = self.directory / "stderr"
         with open(self._stderr, "wb") as stderr:
             self._process = subprocess.Popen(
-                [*wrapper, *map(str, command)], cwd=self.directory, env=env,
+                [*wrapper, *map(str, command)], cwd=self.directory,
                 stdin=subprocess.DEVNULL, stdout=subprocess.DEVNULL, stderr=stderr)
         atexit.register(self._process.kill)  # if it never becomes ready for the `with` block
 
@@ -97,14 +109,7 @@ class Process:
         return time.clock_gettime(clock.value)
 
     def memory(self):
-        def kilobytes(name, key):
-            for line in pathlib.Path(f"/proc/{self.pid}/{name}").read_text().splitlines():
-                if line.startswith(key + ":"):
-                    return 1024 * int(line.split()[1])
-            raise Failure(f"no {key} in /proc/{self.pid}/{name}")
-
-        return Memory(kilobytes("smaps_rollup", "Rss"), kilobytes("smaps_rollup", "Pss"),
-                      kilobytes("status", "VmHWM"))
+        return memory(self.pid)
 
     def descriptors(self):
         return len(os.listdir(f"/proc/{self.pid}/fd"))
@@ -137,7 +142,6 @@ class Broker(Process):
     def __init__(self, directory, transport="tcp"):
         directory = pathlib.Path(directory)
         directory.mkdir(parents=True)
-        self.transport = transport
         self.host = str(directory / "socket") if transport == "unix" else HOST
         self.port = 0 if transport == "unix" else free_port()
         self._log = directory / "log"

@@ -8,7 +8,6 @@ the shell's request is a script's name in place of MessagePack. So the figures f
 import contextlib
 import os
 import pathlib
-import re
 import signal
 import statistics
 import sys
@@ -16,7 +15,7 @@ from typing import NamedTuple
 
 import report
 from matplotlib import pyplot
-from rig import Broker, Echo, Failure, Process, Service, load, request, wait_until
+from rig import Broker, Echo, Failure, Process, Service, load, memory, request, wait_until
 
 TITLE = "Beside other ways"
 
@@ -53,7 +52,7 @@ class Alternative(Process):
         """Bytes of all its processes; pages that they share with others count in part (PSS)."""
         wait_until(lambda: self.alive() and len(group(self.pid)) == self._processes,
                    f"the {self._processes} processes of an idle {self.topic}")
-        return sum(pss(pid) for pid in group(self.pid))
+        return sum(memory(pid).pss for pid in group(self.pid))
 
     def end(self):
         with contextlib.suppress(ProcessLookupError):  # it may not be a leader yet, or have ended
@@ -73,11 +72,6 @@ def group(leader):
         if int(fields[2]) == leader:
             found[int(path.parent.name)] = fields
     return found
-
-
-def pss(pid):
-    rollup = pathlib.Path(f"/proc/{pid}/smaps_rollup").read_text()
-    return 1024 * int(re.search(r"^Pss: +(\d+)", rollup, re.MULTILINE)[1])
 
 
 class Way(NamedTuple):
@@ -114,10 +108,10 @@ def run(bench):
                 Way("Python and subprocess", python, request(), pong, count, []),
                 Way("shell loop", shell, b"ping", pong, count, [])]
         measure(bench, ways)
-        memory = [echo.memory().pss, service.memory().pss, python.idle_memory(),
-                  shell.idle_memory()]
+        sizes = [echo.memory().pss, service.memory().pss, python.idle_memory(),
+                 shell.idle_memory()]
     compare(bench, ways)
-    tabulate(bench, ways, memory)
+    tabulate(bench, ways, sizes)
     draw(bench, ways)
 
 
@@ -150,12 +144,12 @@ def compare(bench, ways):
                                                                 strict=True)], at_least=goal)
 
 
-def tabulate(bench, ways, memory):
+def tabulate(bench, ways, sizes):
     bench.table("alternatives", ["one job at a time", "round trip, µs",
                                  "processor time of a job, µs", "memory when idle (PSS), MiB"],
                 [[way.name, statistics.median(way.round_trips()),
                   statistics.median(way.processor()), size / 2**20]
-                 for way, size in zip(ways, memory, strict=True)])
+                 for way, size in zip(ways, sizes, strict=True)])
 
 
 def draw(bench, ways):
