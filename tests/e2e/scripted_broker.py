@@ -110,6 +110,16 @@ class ScriptedBroker:
         connection.subscribed()
         return connection
 
+    def refuse(self):
+        """From here on attempts are refused, until listen(). What is connected stays connected."""
+        self._listener.close()
+        self._listener = socket.socket()
+        self._listener.setsockopt(socket.SOL_SOCKET, socket.SO_REUSEADDR, 1)
+        self._listener.bind((HOST, self.port))  # so that nobody else takes the port
+
+    def listen(self):
+        self._listener.listen()
+
     def expect_no_connection(self):
         """For a daemon that has ended: it did not connect again before that."""
         self._listener.setblocking(False)

@@ -120,18 +120,18 @@ def test_subscription_refused(peer, daemon):
     ]
 
 
-def test_unreachable_and_back(broker, service):
+def test_unreachable_and_back(peer, daemon):
     """The broker goes away for some attempts and comes back. It is named by host and port."""
-    name = f"{broker.host}:{broker.port}"
-    broker.kill()
-    service.wait_for_record(f"Couldn't reach broker {name}. Connection refused")
-    mark = broker.mark()
-    broker.start()
-    service.wait_until_subscribed(since=mark)
-    assert stopped(service) == [
-        ("INFO", f"Connected to broker {name}"),
-        ("ERROR", f"Lost the connection to broker {name}. The connection was lost."),
-        ("ERROR", f"Couldn't reach broker {name}. Connection refused"),
+    connection = peer.accept_and_serve()
+    peer.refuse()  # first, or an attempt could still be let in and then closed
+    connection.finish()
+    daemon.wait_for_record(f"Couldn't reach broker {peer.name}. Connection refused")
+    peer.listen()
+    peer.accept_and_serve()
+    assert stopped(daemon) == [
+        ("INFO", f"Connected to broker {peer.name}"),
+        ("ERROR", f"Lost the connection to broker {peer.name}. The connection was lost."),
+        ("ERROR", f"Couldn't reach broker {peer.name}. Connection refused"),
     ]
 
 
