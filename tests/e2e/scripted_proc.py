@@ -20,6 +20,13 @@ def is_sleeping(pid):
     return pathlib.Path(f"/proc/{pid}/stat").read_text().rpartition(")")[2].split()[0] == "S"
 
 
+def times_asleep(pid):
+    """How often it has waited for something so far: for the time of its next attempt, say."""
+    status = pathlib.Path(f"/proc/{pid}/status").read_text().splitlines()
+    return next(int(line.split()[1]) for line in status
+                if line.startswith("voluntary_ctxt_switches:"))
+
+
 def connection_to(pid, port):
     """(descriptor number, socket) of the daemon's connection to a loopback port.
 

@@ -4,6 +4,7 @@ import pytest
 
 from harness import Service, request, wait_until
 from scripted_broker import REFUSED_SUBSCRIPTION, connack, connect, connection_records, publish
+from scripted_proc import times_asleep
 
 pytest_plugins = ["scripted_fixtures"]
 
@@ -126,6 +127,8 @@ def test_unreachable_and_back(peer, daemon):
     peer.refuse()  # first, or an attempt could still be let in and then closed
     connection.finish()
     daemon.wait_for_record(f"Couldn't reach broker {peer.name}. Connection refused")
+    before = times_asleep(daemon.pid)
+    wait_until(lambda: times_asleep(daemon.pid) >= before + 4, "further attempts")
     peer.listen()
     peer.accept_and_serve()
     assert stopped(daemon) == [
