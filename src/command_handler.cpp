@@ -83,7 +83,7 @@ void CommandHandler::publish_result(mqlink::Client& client, const std::string& t
         std::vector<unsigned char>& answer = result.getAnswer();
         if (!answer.empty()) {
             result_buf.write(reinterpret_cast<const char*>(answer.data()), answer.size());
-            std::vector<unsigned char>().swap(answer);  // libmosquitto will make two copies more
+            std::vector<unsigned char>().swap(answer);  // publishing makes three copies more
         }
     } else {
         msgpack::packer<msgpack::sbuffer> packer(result_buf);

@@ -58,6 +58,8 @@ private:
 std::string pack(const msgpack::object& args)
 {
     std::ostringstream stream;
+    // Without memory it would otherwise drop bytes in silence, and the job run without its args.
+    stream.exceptions(std::ios::badbit);
     msgpack::packer<std::ostringstream> packer(stream);
     FloatKeepingPackVisitor visitor(packer, stream);
     msgpack::v1::object_parser(args).parse(visitor);

@@ -48,6 +48,13 @@ std::string reason(int rc)
     return mosqpp::strerror(unknown ? MOSQ_ERR_CONN_LOST : rc);
 }
 
+/// Without a connection, or when it breaks now, the library says so, but takes the message.
+bool is_taken(int rc)
+{
+    return rc == MOSQ_ERR_SUCCESS || rc == MOSQ_ERR_NO_CONN || rc == MOSQ_ERR_CONN_LOST ||
+           rc == MOSQ_ERR_ERRNO;
+}
+
 }  // namespace
 
 Client::Client(const ClientSessionOptions& options, const char* name)
@@ -83,12 +90,15 @@ void Client::registerHandler(Handler* handler)
 }
 
 int Client::start(const char* host, int port)
-{
+try {
     if (!wait_for_turn()) {
         return MOSQ_ERR_NO_CONN;
     }
     _broker = port == 0 ? host : host + (":" + std::to_string(port));
-    const int rc = connect(host, port, mqtt_keepalive);
+    int rc = renew();
+    if (rc == MOSQ_ERR_SUCCESS) {
+        rc = connect(host, port, mqtt_keepalive);
+    }
     if (rc != MOSQ_ERR_SUCCESS) {
         tell_down("Couldn't reach broker " + _broker + ". " + reason(rc));
         return rc;
@@ -102,14 +112,17 @@ int Client::start(const char* host, int port)
     _link = Link::opening;
     _link_since = Clock::now();  // not before connect(), which may take minutes
     return rc;
+} catch (...) {  // nothing but std::bad_alloc; the next attempt may have the memory
+    log_caught("connection attempt");
+    return MOSQ_ERR_NOMEM;
 }
 
 int Client::loop(int timeout_ms, int max_packets)
-{
+try {
     settle_if_due();
     if (_link == Link::opening && Clock::now() - _link_since > connack_limit) {
         tell_down("Broker " + _broker + " did not answer the connection request");
-        shutdown(socket(), SHUT_RDWR);  // the loop below then reports a lost connection
+        give_up_connection();
     }
     // With keepalive 0 libmosquitto's loop does not wait at all: it would use up a whole core.
     if (socket() != -1 && !wait_for_socket(timeout_ms)) {
@@ -118,12 +131,15 @@ int Client::loop(int timeout_ms, int max_packets)
     const int rc = mosquittopp::loop(timeout_ms, max_packets);
     // Its complaint about descriptors that select(2) cannot take comes even without a connection.
     return rc == MOSQ_ERR_INVAL && _link == Link::down ? MOSQ_ERR_NO_CONN : rc;
+} catch (...) {
+    log_caught("loop");
+    return MOSQ_ERR_NOMEM;
 }
 
 bool Client::fitsPacket(const char* topic, int payloadlen)
 {
-    return payloadlen <=
-           max_remaining_length - packet_overhead - static_cast<int>(std::strlen(topic));
+    return payloadlen >= 0 && payloadlen <= max_remaining_length - packet_overhead -
+                                                static_cast<int>(std::strlen(topic));
 }
 
 int Client::publish(int* mid, const char* topic, int payloadlen, const void* payload, int qos,
@@ -134,12 +150,21 @@ int Client::publish(int* mid, const char* topic, int payloadlen, const void* pay
     if (!fitsPacket(topic, payloadlen)) {
         return MOSQ_ERR_PAYLOAD_SIZE;
     }
-    const int rc = mosquittopp::publish(mid, topic, payloadlen, payload, qos, retain);
-    // Without a connection, or when it breaks now, the library says so, but keeps the message and
-    // sends it later.
-    if (rc == MOSQ_ERR_SUCCESS || rc == MOSQ_ERR_NO_CONN || rc == MOSQ_ERR_CONN_LOST ||
-        rc == MOSQ_ERR_ERRNO) {
-        ++_pending;
+    if (qos == 0) {
+        ++_unwritten;  // first, since the library may call on_publish() before it returns
+        const int rc = mosquittopp::publish(mid, topic, payloadlen, payload, qos, retain);
+        _unwritten -= rc == MOSQ_ERR_SUCCESS ? 0 : 1;
+        return rc;
+    }
+    const std::size_t size = static_cast<std::size_t>(payloadlen);
+    _unacknowledged.push_back(
+        {0, topic, std::string(static_cast<const char*>(payload), size), qos, retain});
+    const int rc = hand_over(_unacknowledged.back());
+    if (mid != nullptr) {
+        *mid = _unacknowledged.back().mid;
+    }
+    if (!is_taken(rc)) {
+        _unacknowledged.pop_back();
     }
     return rc;
 }
@@ -161,8 +186,10 @@ try {
     if (!_stopping && (_options.resubscribe_on_connect || !_subscribed_before)) {
         subscribe_all();
     }
+    publish_again();
 } catch (...) {
     log_caught("on_connect");
+    give_up_connection();  // or it could stay without its subscription
 }
 
 void Client::on_disconnect(int rc)
@@ -177,9 +204,16 @@ try {
     log_caught("on_disconnect");
 }
 
-void Client::on_publish(int /*mid*/)
+void Client::on_publish(int mid)
 {
-    --_pending;
+    const auto acknowledged =
+        std::find_if(_unacknowledged.begin(), _unacknowledged.end(),
+                     [mid](const Publication& publication) { return publication.mid == mid; });
+    if (acknowledged != _unacknowledged.end()) {
+        _unacknowledged.erase(acknowledged);
+    } else if (_unwritten > 0) {
+        --_unwritten;
+    }
     // A result is through, and nothing more is sent that would carry the ACK of its last packet.
     // Without the ACK a broker with Nagle's algorithm on keeps its next request to itself, for
     // the 40 ms by which the kernel delays ACKs. The option does not last (tcp(7)).
@@ -229,6 +263,26 @@ bool Client::wait_for_turn()
     return true;
 }
 
+/// Has the library forget the messages that it has not delivered, if there are any: it would resend
+/// the PUBREL of one whose PUBREC has come. The broker forgot the message itself when the clean
+/// session ended (MQTT 3.1.1, section 3.1.2.4), answers all the same, and the message would be
+/// lost.
+int Client::renew()
+{
+    if (_unacknowledged.empty()) {
+        return MOSQ_ERR_SUCCESS;
+    }
+    const int rc = reinitialise(_options.client_id, _options.clean_session);
+    if (rc != MOSQ_ERR_SUCCESS) {
+        return rc;
+    }
+    for (Publication& publication : _unacknowledged) {
+        publication.mid = 0;
+    }
+    on_renewed();
+    return rc;
+}
+
 void Client::set_socket_options()
 {
     fcntl(socket(), F_SETFD, FD_CLOEXEC);     // a script's children must not hold the connection
@@ -243,6 +297,20 @@ void Client::set_socket_options()
 void Client::set_option(int level, int option, int value)
 {
     setsockopt(socket(), level, option, &value, sizeof value);
+}
+
+/// The next loop reports a lost connection then.
+void Client::give_up_connection()
+{
+    shutdown(socket(), SHUT_RDWR);
+}
+
+/// What could not be sent for want of memory is tried again on the next connection.
+void Client::give_up_if_out_of_memory(int rc)
+{
+    if (rc == MOSQ_ERR_NOMEM) {
+        give_up_connection();
+    }
 }
 
 /// Waits until there is something to read, or room for what is to be written. False if the time
@@ -261,11 +329,36 @@ void Client::subscribe_all()
         const std::string& filter = subscription.handler->topicFilter();
         const int rc = subscribe(&subscription.mid, filter.c_str(), subscription.handler->qos());
         if (rc != MOSQ_ERR_SUCCESS) {
+            give_up_if_out_of_memory(rc);
             tell(log4cpp::Priority::ERROR,
                  "Couldn't subscribe to " + filter + ". " + mosqpp::strerror(rc));
         }
     }
     _subscribed_before = true;
+}
+
+int Client::hand_over(Publication& publication)
+{
+    return mosquittopp::publish(&publication.mid, publication.topic.c_str(),
+                                static_cast<int>(publication.payload.size()),
+                                publication.payload.data(), publication.qos, publication.retain);
+}
+
+/// Not before the broker has answered: until then the library would drop the retain flag.
+void Client::publish_again()
+{
+    for (Publication& publication : _unacknowledged) {
+        if (publication.mid != 0) {
+            continue;
+        }
+        const int rc = hand_over(publication);
+        if (!is_taken(rc)) {
+            publication.mid = 0;
+            give_up_if_out_of_memory(rc);
+            tell(log4cpp::Priority::ERROR,
+                 "Couldn't publish on " + publication.topic + " again. " + mosqpp::strerror(rc));
+        }
+    }
 }
 
 void Client::dispatch(Handler& handler, const mosquitto_message* msg)
@@ -294,7 +387,7 @@ void Client::settle_if_due()
 void Client::deliver_pending()
 {
     const auto deadline = Clock::now() + delivery_limit;
-    while (_pending > 0 && socket() != -1) {
+    while (!all_acknowledged() && socket() != -1) {
         const auto left = std::chrono::duration_cast<milliseconds>(deadline - Clock::now());
         if (left.count() <= 0) {
             break;
@@ -305,14 +398,15 @@ void Client::deliver_pending()
             loop_misc();
         }
     }
-    if (_pending > 0) {
-        log.error("%d messages were not acknowledged by the broker and may be lost", _pending);
+    if (!all_acknowledged()) {
+        log.error("%d messages were not acknowledged by the broker and may be lost",
+                  static_cast<int>(_unacknowledged.size()) + _unwritten);
     }
 }
 
 /// To be called in a catch block: logs what was caught.
 void Client::log_caught(const char* where) noexcept
-{
+try {
     try {
         throw;
     } catch (const std::exception& caught) {
@@ -320,6 +414,7 @@ void Client::log_caught(const char* where) noexcept
     } catch (...) {
         log.error("Exception in %s: not a standard exception", where);
     }
+} catch (...) {  // the log needs memory, too
 }
 
 /// Logs a line, unless it was logged since a connection last settled. Returns whether it did.

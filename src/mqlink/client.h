@@ -3,6 +3,7 @@
 #include <mosquittopp.h>
 
 #include <chrono>
+#include <deque>
 #include <log4cpp/Category.hh>
 #include <set>
 #include <string>
@@ -25,6 +26,9 @@ struct ClientSessionOptions {
 /// keepalive finds a broker that vanished, within 60 s. A change of the connection's state is
 /// logged once, under the category given at construction: while attempts fail in a row, or
 /// connections end within seconds, no line is repeated.
+///
+/// What the broker has not acknowledged when a connection ends is published anew on the next one,
+/// in the same order: it arrives at least once, and twice if only the acknowledgement was lost.
 class Client : public mosqpp::mosquittopp {
 public:
     /// `name` is that of the client's log category.
@@ -43,7 +47,7 @@ public:
     void registerHandler(Handler* handler);
 
     /// Connects, or connects again; `host` and `port` go to libmosquitto unchanged, so a socket's
-    /// path with port 0 is a Unix socket. Returns a mosq_err_t.
+    /// path with port 0 is a Unix socket. Returns a mosq_err_t. Throws nothing.
     ///
     /// Paces itself: the time from attempt to attempt grows from 10 ms to 1 s, and starts over
     /// after a connection that lived for 5 s. A signal ends the wait; then nothing is attempted
@@ -51,14 +55,18 @@ public:
     int start(const char* host, int port);
 
     /// mosquittopp's loop, with a wait of its own in front, which a signal ends. Gives up on a
-    /// broker that took the connection and has not answered the MQTT request for 30 s.
+    /// broker that took the connection and has not answered the MQTT request for 30 s. Throws
+    /// nothing.
     int loop(int timeout_ms, int max_packets);
 
-    /// Whether a message is within MQTT's limit for a packet.
+    /// Whether there can be a message of this length, given MQTT's limit for a packet.
     static bool fitsPacket(const char* topic, int payloadlen);
 
-    /// mosquittopp's publish, which also counts what the broker has yet to acknowledge and refuses
-    /// what is too large for MQTT with MOSQ_ERR_PAYLOAD_SIZE.
+    /// mosquittopp's publish, which also keeps a copy until the broker has acknowledged the
+    /// message, and refuses what is too large for MQTT with MOSQ_ERR_PAYLOAD_SIZE. Without a
+    /// connection, or when it breaks, it returns MOSQ_ERR_NO_CONN, MOSQ_ERR_CONN_LOST or
+    /// MOSQ_ERR_ERRNO, and sends the message later; but with QoS 0 nothing is kept. Throws
+    /// std::bad_alloc, having done nothing.
     virtual int publish(int* mid, const char* topic, int payloadlen, const void* payload, int qos,
                         bool retain);
 
@@ -72,6 +80,13 @@ protected:
     void on_message(const mosquitto_message* msg) override;
     void on_subscribe(int mid, int qos_count, const int* granted_qos) override;
 
+    /// Whether the broker has acknowledged everything that was published.
+    bool all_acknowledged() const { return _unacknowledged.empty() && _unwritten == 0; }
+
+    /// Called before a connection attempt for which the library's handle was made anew: whatever a
+    /// derived class has set on it besides the identifier is to be set again.
+    virtual void on_renewed() {}
+
     /// The wait of the destructor. A derived class that listens in until the end calls it in its
     /// own destructor; once it has been called, it does nothing.
     void stop();
@@ -84,11 +99,24 @@ private:
         int mid;  ///< of the last SUBSCRIBE packet
     };
 
+    struct Publication {
+        int mid;  ///< the library's packet identifier; 0 while the library does not have it
+        std::string topic;
+        std::string payload;
+        int qos;
+        bool retain;
+    };
+
     bool wait_for_turn();
+    int renew();
     void set_socket_options();
     void set_option(int level, int option, int value);
+    void give_up_connection();
+    void give_up_if_out_of_memory(int rc);
     bool wait_for_socket(int timeout_ms);
     void subscribe_all();
+    int hand_over(Publication& publication);
+    void publish_again();
     void dispatch(Handler& handler, const mosquitto_message* msg);
     void settle_if_due();
     void deliver_pending();
@@ -113,7 +141,8 @@ private:
     std::set<std::string> _told;  ///< lines logged since a connection last settled
     bool _told_up = false;        ///< the last such line about the link says that it is up
 
-    int _pending = 0;  ///< published, not yet acknowledged
+    std::deque<Publication> _unacknowledged;  ///< those with QoS 1 and 2, in their order
+    int _unwritten = 0;                       ///< number of those with QoS 0 that are not sent yet
     bool _stopping = false;
 };
 

@@ -42,6 +42,14 @@ mqlink::ClientSessionOptions session_options()
     return options;
 }
 
+Connection with_port(Connection connection)
+{
+    if (connection.host.find('/') != std::string::npos) {
+        connection.port = 0;
+    }
+    return connection;
+}
+
 const char* or_null(const std::string& text)
 {
     return text.empty() ? nullptr : text.c_str();
@@ -84,14 +92,14 @@ private:
 
 BrokerSession::BrokerSession(const Connection& connection)
     : mqlink::Client(session_options(), log_category),
-      _host(connection.host),
-      _port(_host.find('/') == std::string::npos ? connection.port : 0),
-      _name(_port == 0 ? _host : _host + ":" + std::to_string(_port))
+      _connection(with_port(connection)),
+      _name(_connection.host +
+            (_connection.port == 0 ? "" : ":" + std::to_string(_connection.port)))
 {
     log_to_notes(log_category);
     // That it has connected is no news.
     log4cpp::Category::getInstance(log_category).setPriority(log4cpp::Priority::NOTICE);
-    log_in(connection);
+    log_in();
 
     struct sigaction action = {};
     action.sa_handler = interrupt_handler;
@@ -132,15 +140,14 @@ void BrokerSession::send(const std::string& topic, const std::string& payload, i
                          Deadline deadline)
 {
     const int size = static_cast<int>(std::min<std::size_t>(payload.size(), INT_MAX));
-    int mid = 0;
-    const int rc = publish(&mid, topic.c_str(), size, payload.data(), qos, retain);
+    const int rc = publish(nullptr, topic.c_str(), size, payload.data(), qos, retain);
     // With QoS 0 the library keeps nothing for the next connection.
     const bool is_kept =
         qos > 0 && (rc == MOSQ_ERR_NO_CONN || rc == MOSQ_ERR_CONN_LOST || rc == MOSQ_ERR_ERRNO);
     if (rc != MOSQ_ERR_SUCCESS && !is_kept) {
         throw Failure(wrong_usage, "Cannot publish on " + topic + ". " + mosqpp::strerror(rc));
     }
-    wait_until([&] { return _published == mid; }, "Sending to " + _name, deadline);
+    wait_until([&] { return all_acknowledged(); }, "Sending to " + _name, deadline);
 }
 
 void BrokerSession::wait_until(const std::function<bool()>& done, const std::string& what,
@@ -162,12 +169,6 @@ void BrokerSession::on_connect(int rc)
         note("Connected to broker " + _name + " again");
     }
     Client::on_connect(rc);
-}
-
-void BrokerSession::on_publish(int mid)
-{
-    _published = mid;
-    Client::on_publish(mid);
 }
 
 void BrokerSession::on_message(const mosquitto_message* message)
@@ -194,23 +195,23 @@ void BrokerSession::on_log(int level, const char* text)
     }
 }
 
-void BrokerSession::log_in(const Connection& connection)
+void BrokerSession::log_in()
 {
     for (const std::string& path :
-         {connection.ca_file, connection.ca_dir, connection.cert_file, connection.key_file}) {
+         {_connection.ca_file, _connection.ca_dir, _connection.cert_file, _connection.key_file}) {
         if (!path.empty() && access(path.c_str(), R_OK) != 0) {
             throw Failure(wrong_usage, path + ": " + std::strerror(errno));
         }
     }
     int rc = MOSQ_ERR_SUCCESS;
-    if (!connection.user.empty()) {
-        rc = username_pw_set(connection.user.c_str(), or_null(connection.password));
+    if (!_connection.user.empty()) {
+        rc = username_pw_set(_connection.user.c_str(), or_null(_connection.password));
     }
-    if (rc == MOSQ_ERR_SUCCESS && connection.uses_tls()) {
-        rc = tls_set(or_null(connection.ca_file), or_null(connection.ca_dir),
-                     or_null(connection.cert_file), or_null(connection.key_file));
+    if (rc == MOSQ_ERR_SUCCESS && _connection.uses_tls()) {
+        rc = tls_set(or_null(_connection.ca_file), or_null(_connection.ca_dir),
+                     or_null(_connection.cert_file), or_null(_connection.key_file));
     }
-    if (rc == MOSQ_ERR_SUCCESS && connection.insecure) {
+    if (rc == MOSQ_ERR_SUCCESS && _connection.insecure) {
         rc = tls_insecure_set(true);
     }
     if (rc != MOSQ_ERR_SUCCESS) {
@@ -223,7 +224,8 @@ void BrokerSession::log_in(const Connection& connection)
 /// connect(2) can be called off, so it runs on a thread of its own, and giving up ends the process.
 void BrokerSession::connect_within(Deadline deadline)
 {
-    std::packaged_task<void()> attempt([this] { start(_host.c_str(), _port); });
+    std::packaged_task<void()> attempt(
+        [this] { start(_connection.host.c_str(), _connection.port); });
     std::future<void> end = attempt.get_future();
     std::thread thread(std::move(attempt));
     while (end.wait_for(progress_interval) != std::future_status::ready) {

@@ -65,28 +65,26 @@ public:
 private:
     class Listener;
 
+    void on_renewed() override { log_in(); }
     void on_connect(int rc) override;
-    void on_publish(int mid) override;
     void on_message(const mosquitto_message* message) override;
     void on_subscribe(int mid, int qos_count, const int* granted_qos) override;
     void on_log(int level, const char* text) override;
 
-    void log_in(const Connection& connection);
+    void log_in();
     void connect_within(Deadline deadline);
     bool step(const std::string& what, Deadline deadline);
     std::optional<Failure> reason_to_give_up(Deadline deadline) const;
     bool is_ready() const { return _answered == _listeners.size(); }
 
-    std::string _host;
-    int _port;
-    std::string _name;  ///< of the broker, for people
+    Connection _connection;  ///< with port 0 for a Unix socket
+    std::string _name;       ///< of the broker, for people
     std::vector<std::unique_ptr<Listener>> _listeners;
     std::size_t _answered = 0;  ///< subscriptions, on this connection
     bool _refused = false;
     bool _was_ready = false;
     bool _ending = false;
     std::string _parting_words;
-    int _published = 0;  ///< packet identifier of the last message that the broker has taken
 };
 
 }  // namespace pexctl

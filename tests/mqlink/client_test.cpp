@@ -786,6 +786,78 @@ TEST_F(ClientMessageTest, WithoutMemoryForAMessageTheNextOneIsHandled)
     EXPECT_EQ(1u, handler.received.size());
 }
 
+/// A broker whose connection the client shuts down, which its loop then reports as lost.
+class ClientMemoryTest : public ClientTest {
+protected:
+    ClientMemoryTest() { fake_mosquitto.socket = connection.socket(); }
+    ~ClientMemoryTest() override { fake_mosquitto.socket = -1; }  // nothing is waited for
+
+    bool was_given_up() const { return !connection.is_open(); }
+
+    LoopbackConnection connection;
+};
+
+TEST_F(ClientMemoryTest, AnAttemptWithoutMemoryFailsAndTheNextIsMade)
+{
+    build();
+    const std::string host = "a.host.whose.name.is.no.small.string.example";
+    fail_next_allocation();
+    EXPECT_EQ(MOSQ_ERR_NOMEM, client->start(host.c_str(), 1883));
+    EXPECT_EQ(0, fake_mosquitto.count("connect"));
+    EXPECT_EQ(Records{"ERROR broker_log: Exception in connection attempt: std::bad_alloc"},
+              take_log());
+    EXPECT_EQ(MOSQ_ERR_SUCCESS, client->start(host.c_str(), 1883));
+    EXPECT_EQ(1, fake_mosquitto.count("connect"));
+}
+
+TEST_F(ClientMemoryTest, ALoopWithoutMemoryGoesOn)
+{
+    build();
+    come_up();
+    library().on_disconnect(MOSQ_ERR_CONN_LOST);
+    come_up();  // untold, so that it will be when the connection has lived
+    clock.advance(5s);
+    take_log();
+    connection.send_from_peer("x");
+    fail_next_allocation();
+    EXPECT_EQ(MOSQ_ERR_NOMEM, client->loop(1000, 1));
+    EXPECT_EQ(Records{"ERROR broker_log: Exception in loop: std::bad_alloc"}, take_log());
+    EXPECT_EQ(MOSQ_ERR_SUCCESS, client->loop(1000, 1));
+}
+
+TEST_F(ClientMemoryTest, AConnectionThatIsNotSubscribedForWantOfMemoryIsGivenUp)
+{
+    RecordingHandler handler("in/cmd/+");
+    build_with(handler);
+    fake_mosquitto.subscribe = [] { return MOSQ_ERR_INVAL; };
+    come_up();
+    EXPECT_FALSE(was_given_up());
+    fake_mosquitto.subscribe = [] { return MOSQ_ERR_NOMEM; };
+    come_up();
+    EXPECT_TRUE(was_given_up());
+}
+
+TEST_F(ClientMemoryTest, AConnectionWhoseAnswerCannotBeHandledIsGivenUp)
+{
+    RecordingHandler handler("in/cmd/+");
+    build_with(handler);
+    start();
+    fail_next_allocation();
+    library().on_connect(0);
+    EXPECT_TRUE(was_given_up());
+}
+
+TEST_F(ClientMemoryTest, AConnectionOnWhichAResultCannotBeRepeatedIsGivenUp)
+{
+    build();
+    come_up();
+    publish();
+    library().on_disconnect(MOSQ_ERR_CONN_LOST);
+    fake_mosquitto.publish = [] { return MOSQ_ERR_NOMEM; };
+    come_up();
+    EXPECT_TRUE(was_given_up());
+}
+
 using ClientPublishTest = ClientTest;
 
 TEST_F(ClientPublishTest, PublishPassesEverythingOn)
@@ -801,18 +873,15 @@ TEST_F(ClientPublishTest, PublishPassesEverythingOn)
     const auto& [first, second, third] =
         std::tie(fake_mosquitto.publications[0], fake_mosquitto.publications[1],
                  fake_mosquitto.publications[2]);
-    EXPECT_FALSE(first.mid_is_null);
     EXPECT_EQ("a/b", first.topic);
     EXPECT_EQ(std::string("x\0y", 3), first.payload);
     EXPECT_EQ(1, first.qos);
     EXPECT_FALSE(first.retain);
-    EXPECT_TRUE(second.mid_is_null);
-    EXPECT_TRUE(second.payload_is_null);
     EXPECT_EQ("", second.payload);
     EXPECT_EQ(2, second.qos);
     EXPECT_TRUE(second.retain);
-    EXPECT_TRUE(third.mid_is_null);
-    EXPECT_FALSE(third.payload_is_null);
+    EXPECT_EQ("d", third.topic);
+    EXPECT_EQ(0, third.qos);
 }
 
 TEST_F(ClientPublishTest, PublishReturnsTheStatus)
@@ -832,30 +901,237 @@ TEST_F(ClientPublishTest, WhatExceedsMqttsPacketLimitIsRefused)
     const struct {
         std::string topic;
         int size;
-        int status;
+        bool fits;
     } cases[] = {
-        {"out/cmd/7", 268435442, MOSQ_ERR_SUCCESS},
-        {"out/cmd/7", 268435443, MOSQ_ERR_PAYLOAD_SIZE},
-        {"out/cmd/7", 268435451, MOSQ_ERR_PAYLOAD_SIZE},
-        {"out/cmd/7", 268435455, MOSQ_ERR_PAYLOAD_SIZE},
-        {"out/cmd/7", 2147483647, MOSQ_ERR_PAYLOAD_SIZE},
-        {std::string(65535, 'x'), 268369916, MOSQ_ERR_SUCCESS},
-        {std::string(65535, 'x'), 268369917, MOSQ_ERR_PAYLOAD_SIZE},
+        {"out/cmd/7", 268435442, true},
+        {"out/cmd/7", 268435443, false},
+        {"out/cmd/7", 268435451, false},
+        {"out/cmd/7", 268435455, false},
+        {"out/cmd/7", 2147483647, false},
+        {std::string(65535, 'x'), 268369916, true},
+        {std::string(65535, 'x'), 268369917, false},
+        {"out/cmd/7", -1, false},
     };
     for (const auto& c : cases) {
         SCOPED_TRACE(std::to_string(c.topic.size()) + " and " + std::to_string(c.size));
-        build();
-        fake_mosquitto.publications.clear();
-        EXPECT_EQ(c.status, client->publish(nullptr, c.topic.c_str(), c.size, nullptr, 2, true));
-        const bool is_sent = c.status == MOSQ_ERR_SUCCESS;
-        ASSERT_EQ(is_sent ? 1u : 0u, fake_mosquitto.publications.size());
-        if (is_sent) {
-            EXPECT_EQ(c.size, fake_mosquitto.publications[0].payload_length);
+        EXPECT_EQ(c.fits, Client::fitsPacket(c.topic.c_str(), c.size));
+        if (!c.fits) {
+            build();
+            EXPECT_EQ(MOSQ_ERR_PAYLOAD_SIZE,
+                      client->publish(nullptr, c.topic.c_str(), c.size, nullptr, 2, true));
+            EXPECT_EQ((Calls{"disconnect", "~mosquittopp"}), calls_of_destruction());
+            EXPECT_EQ(Records(), take_log());  // nor is it waited for at the end
         }
-        take_log();
-        client.reset();
-        EXPECT_EQ(is_sent ? 1u : 0u, take_log().size());  // nor is it waited for at the end
     }
+}
+
+TEST_F(ClientPublishTest, TheLargestMessageThatFitsIsPublished)
+{
+    build();
+    const std::string largest(268435442, 'x');
+    EXPECT_EQ(MOSQ_ERR_SUCCESS,
+              client->publish(nullptr, "out/cmd/7", 268435442, largest.data(), 2, true));
+    EXPECT_EQ(largest, fake_mosquitto.publications.at(0).payload);
+}
+
+using ClientRedeliveryTest = ClientTest;
+
+TEST_F(ClientRedeliveryTest, WhatWasNotAcknowledgedIsPublishedAnewOnTheNextConnection)
+{
+    RecordingHandler handler("in/cmd/+");
+    build_with(handler);
+    come_up();
+    client->publish(nullptr, "out/cmd/1", 3, "a\0b", 2, true);
+    client->publish(nullptr, "out/cmd/2", 0, "", 1, false);
+    library().on_disconnect(MOSQ_ERR_CONN_LOST);
+    fake_mosquitto.calls.clear();
+    fake_mosquitto.publications.clear();
+    come_up();
+    EXPECT_EQ((Calls{"reinitialise an_id clean", "connect localhost 1883 keepalive 0",
+                     "subscribe in/cmd/+ qos 1", "publish out/cmd/1", "publish out/cmd/2"}),
+              fake_mosquitto.calls);
+    ASSERT_EQ(2u, fake_mosquitto.publications.size());
+    const FakeMosquitto::Publication& first = fake_mosquitto.publications[0];
+    EXPECT_EQ(std::string("a\0b", 3), first.payload);
+    EXPECT_EQ(2, first.qos);
+    EXPECT_TRUE(first.retain);
+    const FakeMosquitto::Publication& second = fake_mosquitto.publications[1];
+    EXPECT_EQ("", second.payload);
+    EXPECT_EQ(1, second.qos);
+    EXPECT_FALSE(second.retain);
+}
+
+TEST_F(ClientRedeliveryTest, WhatWasAcknowledgedIsNotPublishedAgain)
+{
+    build();
+    come_up();
+    fake_mosquitto.next_mid = 11;
+    client->publish(nullptr, "out/cmd/1", 1, "a", 2, true);
+    client->publish(nullptr, "out/cmd/2", 1, "b", 2, true);
+    client->publish(nullptr, "out/cmd/3", 1, "c", 2, true);
+    library().on_publish(12);
+    library().on_disconnect(MOSQ_ERR_CONN_LOST);
+    fake_mosquitto.calls.clear();
+    come_up();
+    EXPECT_EQ((Calls{"publish out/cmd/1", "publish out/cmd/3"}),
+              Calls(fake_mosquitto.calls.begin() + 2, fake_mosquitto.calls.end()));
+}
+
+TEST_F(ClientRedeliveryTest, WithNothingUnfinishedTheLibraryGoesOnAsItIs)
+{
+    build();
+    come_up();
+    publish();
+    library().on_publish(1);
+    library().on_disconnect(MOSQ_ERR_CONN_LOST);
+    fake_mosquitto.calls.clear();
+    come_up();
+    EXPECT_EQ(Calls{"connect localhost 1883 keepalive 0"}, fake_mosquitto.calls);
+}
+
+TEST_F(ClientRedeliveryTest, ItIsRepeatedOnEachConnectionUntilTheAcknowledgement)
+{
+    build();
+    come_up();
+    publish();
+    for (int connection = 1; connection <= 3; ++connection) {
+        SCOPED_TRACE(connection);
+        library().on_disconnect(MOSQ_ERR_CONN_LOST);
+        fake_mosquitto.calls.clear();
+        fake_mosquitto.next_mid = 20 + connection;
+        come_up();
+        EXPECT_EQ(1, fake_mosquitto.count("publish"));
+    }
+    library().on_publish(23);
+    library().on_disconnect(MOSQ_ERR_CONN_LOST);
+    fake_mosquitto.calls.clear();
+    come_up();
+    EXPECT_EQ(0, fake_mosquitto.count("publish"));
+}
+
+TEST_F(ClientRedeliveryTest, ItWaitsUntilTheBrokerHasAcceptedTheConnection)
+{
+    build();
+    come_up();
+    publish();
+    library().on_disconnect(MOSQ_ERR_CONN_LOST);
+    fake_mosquitto.calls.clear();
+    fake_mosquitto.connect = [] { return MOSQ_ERR_CONN_REFUSED; };
+    start();
+    fake_mosquitto.connect = FakeMosquitto::success;
+    start();
+    library().on_connect(5);
+    start();
+    EXPECT_EQ(0, fake_mosquitto.count("publish"));
+    library().on_connect(0);
+    EXPECT_EQ(1, fake_mosquitto.count("publish"));
+}
+
+TEST_F(ClientRedeliveryTest, WhatIsPublishedWithoutAConnectionIsPublishedOnTheNextOne)
+{
+    build();
+    come_up();
+    library().on_disconnect(MOSQ_ERR_CONN_LOST);
+    fake_mosquitto.publish = [] { return MOSQ_ERR_NO_CONN; };
+    EXPECT_EQ(MOSQ_ERR_NO_CONN, publish());
+    fake_mosquitto.publish = FakeMosquitto::success;
+    fake_mosquitto.calls.clear();
+    come_up();
+    EXPECT_EQ(1, fake_mosquitto.count("reinitialise"));
+    EXPECT_EQ(1, fake_mosquitto.count("publish out/cmd/7"));
+}
+
+TEST_F(ClientRedeliveryTest, WhatTheLibraryRefusedIsNotKept)
+{
+    build();
+    come_up();
+    fake_mosquitto.publish = [] { return MOSQ_ERR_NOMEM; };
+    publish();
+    library().on_disconnect(MOSQ_ERR_CONN_LOST);
+    fake_mosquitto.calls.clear();
+    come_up();
+    EXPECT_EQ(0, fake_mosquitto.count("publish"));
+}
+
+TEST_F(ClientRedeliveryTest, NothingIsKeptOfQos0)
+{
+    build();
+    come_up();
+    client->publish(nullptr, "a", 1, "x", 0, false);
+    library().on_disconnect(MOSQ_ERR_CONN_LOST);
+    fake_mosquitto.calls.clear();
+    come_up();
+    EXPECT_EQ(Calls{"connect localhost 1883 keepalive 0"}, fake_mosquitto.calls);
+}
+
+TEST_F(ClientRedeliveryTest, WithoutMemoryForTheLibraryTheAttemptFailsAndNothingIsLost)
+{
+    build();
+    come_up();
+    publish();
+    library().on_disconnect(MOSQ_ERR_CONN_LOST);
+    take_log();
+    fake_mosquitto.calls.clear();
+    fake_mosquitto.reinitialise = [] { return MOSQ_ERR_NOMEM; };
+    EXPECT_EQ(MOSQ_ERR_NOMEM, start());
+    EXPECT_EQ(0, fake_mosquitto.count("connect"));
+    EXPECT_EQ(Records{"ERROR broker_log: Couldn't reach broker localhost:1883. Out of memory."},
+              take_log());
+    fake_mosquitto.reinitialise = FakeMosquitto::success;
+    come_up();
+    EXPECT_EQ(1, fake_mosquitto.count("publish"));
+}
+
+TEST_F(ClientRedeliveryTest, AMessageThatCannotBePublishedAgainNowIsOnTheNextConnection)
+{
+    build();
+    come_up();
+    publish();
+    library().on_disconnect(MOSQ_ERR_CONN_LOST);
+    take_log();
+    fake_mosquitto.publish = [] { return MOSQ_ERR_NOMEM; };
+    come_up();
+    EXPECT_EQ(Records{"ERROR broker_log: Couldn't publish on out/cmd/7 again. Out of memory."},
+              take_log());
+    library().on_disconnect(MOSQ_ERR_CONN_LOST);
+    fake_mosquitto.publish = FakeMosquitto::success;
+    fake_mosquitto.calls.clear();
+    come_up();
+    EXPECT_EQ(1, fake_mosquitto.count("publish out/cmd/7"));
+}
+
+TEST_F(ClientRedeliveryTest, ADerivedClassIsToldThatTheLibraryBeginsAnew)
+{
+    class Listening : public Client {
+    public:
+        using Client::Client;
+
+    private:
+        void on_renewed() override { fake_mosquitto.calls.emplace_back("on_renewed"); }
+    };
+    Listening listening({"an_id", false, true}, "broker_log");
+    listening.start("localhost", 1883);
+    fake_mosquitto.client->on_connect(0);
+    listening.publish(nullptr, "a", 1, "x", 1, false);
+    fake_mosquitto.client->on_disconnect(MOSQ_ERR_CONN_LOST);
+    fake_mosquitto.calls.clear();
+    listening.start("localhost", 1883);
+    EXPECT_EQ(
+        (Calls{"reinitialise an_id kept", "on_renewed", "connect localhost 1883 keepalive 0"}),
+        fake_mosquitto.calls);
+}
+
+TEST_F(ClientRedeliveryTest, WithoutMemoryForTheCopyNothingIsPublished)
+{
+    build();
+    come_up();
+    fake_mosquitto.calls.clear();
+    fail_next_allocation();
+    EXPECT_THROW(client->publish(nullptr, "a topic beyond a short string's room", 1, "x", 2, true),
+                 std::bad_alloc);
+    EXPECT_EQ(Calls(), fake_mosquitto.calls);
+    EXPECT_EQ((Calls{"disconnect", "~mosquittopp"}), calls_of_destruction());
+    EXPECT_EQ(0u, take_log().size() - 1);  // "Connected"; nothing is waited for
 }
 
 using ClientEndTest = ClientTest;
@@ -928,11 +1204,12 @@ TEST_F(ClientEndTest, TheEndWaitsForRoomToWriteOnlyWhenThereIsSomething)
         const LoopbackConnection connection;  // writable, and silent
         fake_mosquitto.socket = connection.socket();
         fake_mosquitto.wants_write = wants_write;
-        fake_mosquitto.loop_write = [] {
-            fake_mosquitto.client->on_publish(1);
+        int mid = 0;
+        fake_mosquitto.loop_write = [&] {
+            fake_mosquitto.client->on_publish(mid);
             return MOSQ_ERR_SUCCESS;
         };
-        publish();
+        publish(&mid);
         const auto begin = clock.elapsed();
         client.reset();
         EXPECT_EQ(wants_write ? 0s : 2s, clock.elapsed() - begin);
@@ -1067,12 +1344,13 @@ TEST_F(ClientEndTest, NoHandlerIsCalledDuringTheEnd)
     LoopbackConnection connection;
     fake_mosquitto.socket = connection.socket();
     connection.send_from_peer("x");
-    publish();
+    int mid = 0;
+    publish(&mid);
     take_log();
     const Message message("in/cmd/7", "request");
     fake_mosquitto.loop_read = [&] {
         fake_mosquitto.client->on_message(message.get());
-        fake_mosquitto.client->on_publish(1);
+        fake_mosquitto.client->on_publish(mid);
         return MOSQ_ERR_SUCCESS;
     };
     client.reset();

@@ -73,6 +73,12 @@ int mosquittopp::connect(const char* host, int port, int keepalive)
     return fake_mosquitto.connect();
 }
 
+int mosquittopp::reinitialise(const char* id, bool clean_session)
+{
+    record(std::string("reinitialise ") + id + (clean_session ? " clean" : " kept"));
+    return fake_mosquitto.reinitialise();
+}
+
 int mosquittopp::disconnect()
 {
     record("disconnect");
@@ -90,12 +96,9 @@ int mosquittopp::publish(int* mid, const char* topic, int payloadlen, const void
                          bool retain)
 {
     record(std::string("publish ") + topic);
-    std::string bytes;
-    if (payload != nullptr) {
-        bytes.assign(static_cast<const char*>(payload), static_cast<std::size_t>(payloadlen));
-    }
+    const char* const bytes = static_cast<const char*>(payload);
     fake_mosquitto.publications.push_back(
-        {mid == nullptr, topic, payload == nullptr, payloadlen, bytes, qos, retain});
+        {topic, std::string(bytes, static_cast<std::size_t>(payloadlen)), qos, retain});
     store_next_mid(mid);
     return fake_mosquitto.publish();
 }

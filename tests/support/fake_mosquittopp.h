@@ -11,11 +11,8 @@
 /// Everything asked of them is recorded here; the hooks decide what they answer.
 struct FakeMosquitto {
     struct Publication {
-        bool mid_is_null;
         std::string topic;
-        bool payload_is_null;
-        int payload_length;
-        std::string payload;  ///< empty for a null payload of any length
+        std::string payload;
         int qos;
         bool retain;
     };
@@ -23,8 +20,8 @@ struct FakeMosquitto {
     using Hook = std::function<int()>;
 
     /// One text per call, in order, such as "connect localhost 1883 keepalive 0", "loop 1000 1",
-    /// "subscribe in/cmd/+ qos 1", "publish out/cmd/7", "disconnect". Not recorded: socket() and
-    /// want_write().
+    /// "subscribe in/cmd/+ qos 1", "publish out/cmd/7", "reinitialise an_id clean", "disconnect".
+    /// Not recorded: socket() and want_write().
     std::vector<std::string> calls;
     std::vector<Publication> publications;
     std::vector<std::string> client_ids;  ///< read again when a client is destroyed
@@ -35,6 +32,7 @@ struct FakeMosquitto {
     int next_mid = 1;  ///< what the next publish() or subscribe() stores, when asked to
 
     Hook connect = success;
+    Hook reinitialise = success;
     Hook loop = success;
     Hook loop_read = success;
     Hook loop_write = success;
