@@ -4,6 +4,7 @@
 #include <utility>
 
 #include "command_handler.h"
+#include "memory_reserve.h"
 
 namespace pex {
 
@@ -40,6 +41,7 @@ void ServerCommunicator::start()
 
     _client.start(host, port);
     while (program_running != 0) {
+        hold_memory_reserve();  // again, if the last job needed it
         const int status = _client.loop(1000, 1);
         if (status == MOSQ_ERR_CONN_LOST || status == MOSQ_ERR_NO_CONN) {
             _client.start(host, port);

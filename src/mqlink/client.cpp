@@ -221,7 +221,7 @@ void Client::on_publish(int mid)
 }
 
 void Client::on_message(const mosquitto_message* msg)
-try {
+{
     if (_stopping) {
         log.error("Stopping, so the message on %s is not handled", msg->topic);
         return;
@@ -229,8 +229,6 @@ try {
     for (const Subscription& subscription : _subscriptions) {
         dispatch(*subscription.handler, msg);
     }
-} catch (...) {
-    log_caught("on_message");
 }
 
 void Client::on_subscribe(int mid, int qos_count, const int* granted_qos)
@@ -406,7 +404,7 @@ void Client::deliver_pending()
 
 /// To be called in a catch block: logs what was caught.
 void Client::log_caught(const char* where) noexcept
-try {
+{
     try {
         throw;
     } catch (const std::exception& caught) {
@@ -414,7 +412,6 @@ try {
     } catch (...) {
         log.error("Exception in %s: not a standard exception", where);
     }
-} catch (...) {  // the log needs memory, too
 }
 
 /// Logs a line, unless it was logged since a connection last settled. Returns whether it did.

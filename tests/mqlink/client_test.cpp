@@ -858,6 +858,17 @@ TEST_F(ClientMemoryTest, AConnectionOnWhichAResultCannotBeRepeatedIsGivenUp)
     EXPECT_TRUE(was_given_up());
 }
 
+TEST_F(ClientMemoryTest, AConnectionThatIsLostWithoutMemoryIsMadeAgain)
+{
+    build();
+    come_up();
+    take_log();
+    fail_next_allocation();
+    library().on_disconnect(MOSQ_ERR_CONN_LOST);
+    EXPECT_EQ(Records{"ERROR broker_log: Exception in on_disconnect: std::bad_alloc"}, take_log());
+    EXPECT_EQ(MOSQ_ERR_SUCCESS, start());
+}
+
 using ClientPublishTest = ClientTest;
 
 TEST_F(ClientPublishTest, PublishPassesEverythingOn)
@@ -1388,6 +1399,51 @@ TEST_F(ClientEndTest, TheDisconnectAtTheEndIsNotLoggedAsALoss)
     };
     client.reset();
     EXPECT_EQ(Records(), capture.records());
+}
+
+TEST_F(ClientEndTest, AMessageWithQos0IsWaitedForUntilItIsWritten)
+{
+    const struct {
+        const char* fact;
+        int status;
+        std::vector<int> written;
+        Records log;
+    } cases[] = {
+        {"written", MOSQ_ERR_SUCCESS, {1}, {}},
+        {"more written than there was", MOSQ_ERR_SUCCESS, {1, 2, 3}, {}},
+        {"not written",
+         MOSQ_ERR_SUCCESS,
+         {},
+         {"ERROR broker_log: 1 messages were not acknowledged by the broker and may be lost"}},
+        {"refused", MOSQ_ERR_NO_CONN, {}, {}},
+    };
+    for (const auto& c : cases) {
+        SCOPED_TRACE(c.fact);
+        build();
+        fake_mosquitto.publish = [&] { return c.status; };
+        EXPECT_EQ(c.status, client->publish(nullptr, "a", 1, "x", 0, false));
+        for (const int mid : c.written) {
+            library().on_publish(mid);
+        }
+        client.reset();
+        EXPECT_EQ(c.log, take_log());
+    }
+}
+
+TEST_F(ClientEndTest, ADerivedClassThatListensUntilTheEndWaitsOnce)
+{
+    class Listening : public Client {
+    public:
+        using Client::Client;
+        ~Listening() override { stop(); }
+    };
+    {
+        Listening listening({"an_id", true, true}, "broker_log");
+        listening.publish(nullptr, "out/cmd/7", 3, "abc", 2, true);
+    }
+    EXPECT_EQ(
+        Records{"ERROR broker_log: 1 messages were not acknowledged by the broker and may be lost"},
+        capture.records());
 }
 
 TEST_F(ClientEndTest, NothingThrownLeavesTheDestructor)

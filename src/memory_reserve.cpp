@@ -1,0 +1,34 @@
+#include "memory_reserve.h"
+
+#include <cstdlib>
+#include <new>
+#include <utility>
+
+namespace pex {
+
+namespace {
+
+/// Enough for what a failed job still needs: its records, its failure result and the way out.
+constexpr std::size_t reserve_size = 64 * 1024;
+
+void* reserve = nullptr;
+
+void release_reserve()
+{
+    if (reserve == nullptr) {
+        throw std::bad_alloc();
+    }
+    std::free(std::exchange(reserve, nullptr));
+}
+
+}  // namespace
+
+void hold_memory_reserve() noexcept
+{
+    if (reserve == nullptr) {
+        reserve = std::malloc(reserve_size);
+        std::set_new_handler(release_reserve);
+    }
+}
+
+}  // namespace pex
