@@ -224,6 +224,9 @@ public:
     }
     bool visit_negative_integer(std::int64_t v)
     {
+        if (v >= 0) {  // the parser goes by the format; the daemon by the value
+            return visit_positive_integer(static_cast<std::uint64_t>(v));
+        }
         return number(std::to_string(v), static_cast<std::int32_t>(v) == v,
                       static_cast<std::int32_t>(v));
     }
@@ -301,7 +304,8 @@ private:
 
     bool number(const std::string& sent, bool is_same, double arrives)
     {
-        scalar("[" + sent + "]", "#" + number_text(arrives));
+        // To Lua, zeros of both signs are one key.
+        scalar("[" + sent + "]", "#" + number_text(arrives == 0 ? 0 : arrives));
         if (!is_same) {
             lose(sent + " arrives as " + number_text(arrives));
         }
@@ -372,6 +376,11 @@ Arguments arguments_from_json(const std::string& text)
 {
     JsonPacker packer(text);
     Json::sax_parse(text, &packer);
+    // The parser takes a zero byte for the end of the text.
+    const std::size_t zero = text.find('\0');
+    if (zero != std::string::npos) {
+        throw BadArguments("JSON, " + place(text, zero) + ": a zero byte");
+    }
     Arguments arguments{packer.packed(), packer.losses(), {}};
     inspect(arguments);
     return arguments;

@@ -10,6 +10,7 @@ Environment variables:
     PEXCTL               pexctl's binary; default build/debug/pexctl
     PEX_COMMAND_WRAPPER  a command put before both, such as "valgrind -q --error-exitcode=99"
     PEX_DEADLINE_FACTOR  stretches every deadline, for slow builds; default 1
+    PEX_ONE_OF_EACH      set: each test runs with the first of its parameters only
 
 A test takes what it needs from the fixtures in conftest.py:
 

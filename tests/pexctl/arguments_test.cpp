@@ -126,6 +126,8 @@ TEST(ArgumentsTest, TellsWhereJsonIsWrong)
         "JSON, line 1, column 2: syntax error while parsing value - unexpected ','; "
         "expected '[', '{', or a literal",
         complaint(arguments_from_json, "[,]"));
+    EXPECT_EQ("JSON, line 2, column 2: a zero byte",
+              complaint(arguments_from_json, "[1]\n \0[2]"s));
     EXPECT_EQ("JSON, line 1, column 5: number overflow parsing '1e400'",
               complaint(arguments_from_json, "1e400"));
 }
@@ -199,6 +201,11 @@ TEST(ArgumentsTest, TakesMessagePackAsItIs)
          {"$.k: the same key as one before it: the last one counts"},
          {}},
         {"\x81\xcf\0\0\0\x01\0\0\0\0\x01"s, {"$[4294967296]: 4294967296 arrives as 0"}, {}},
+        {"\xd3\0\0\0\0\x80\0\0\0"s, {}, {}},  // 2147483648 in the signed form
+        {"\xd3\0\0\0\x01\0\0\0\x05"s, {"$: 4294967301 arrives as 5"}, {}},
+        {"\x82\0\x01\xca\x80\0\0\0\x02"s,
+         {"$[-0.0]: the same key as one before it: the last one counts"},
+         {}},
         {"\x81\xc3\x91\xc0"s, {"$[true][0]: null vanishes"}, {}},
         {"\x81\xc2\x91\xc0"s, {"$[false][0]: null vanishes"}, {}},
         {"\x82\xc2\x01\xc3\x02"s, {}, {}},
