@@ -23,12 +23,13 @@ void release_reserve()
 
 }  // namespace
 
-void hold_memory_reserve() noexcept
+bool hold_memory_reserve() noexcept
 {
     if (reserve == nullptr) {
         reserve = std::malloc(reserve_size);
         std::set_new_handler(release_reserve);
     }
+    return reserve != nullptr;
 }
 
 }  // namespace pex

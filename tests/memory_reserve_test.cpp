@@ -22,7 +22,7 @@ protected:
 
 TEST_F(MemoryReserveTest, TheFirstFailureHasTheReserveAndTheNextOneThrows)
 {
-    hold_memory_reserve();
+    EXPECT_TRUE(hold_memory_reserve());
     EXPECT_NO_THROW(find_no_memory());
     EXPECT_THROW(find_no_memory(), std::bad_alloc);
     EXPECT_THROW(find_no_memory(), std::bad_alloc);
@@ -44,7 +44,7 @@ TEST_F(MemoryReserveTest, WithoutMemoryForTheReserveAllocationsFailAsUsual)
     find_no_memory();
     {
         const failing_calls::Malloc failing;
-        hold_memory_reserve();
+        EXPECT_FALSE(hold_memory_reserve());
     }
     EXPECT_THROW(find_no_memory(), std::bad_alloc);
 }

@@ -5,6 +5,7 @@
 #include <sstream>
 
 #include "lua_tools/pack_to_lua_converter.h"
+#include "memory_reserve.h"
 
 namespace pex {
 
@@ -136,6 +137,12 @@ JobResult LuaVM::executeScript(const char* abs_path, const msgpack::object& args
     }
     loadArgs(args);  // chunk
 
+    // What the script cannot take is there for its failure.
+    if (!hold_memory_reserve()) {
+        log.error("No memory is left for the script");
+        return JobResult(false,
+                         "Dock command service error. Failed to allocate resources for job.");
+    }
     log.debugStream() << "lua_pcall: " << abs_path;
     lua_gc(_L, LUA_GCRESTART, 0);
     if (lua_pcall(_L, 0, LUA_MULTRET, 0) != LUA_OK) {  // results, or error

@@ -121,11 +121,15 @@ int Client::loop(int timeout_ms, int max_packets)
 try {
     settle_if_due();
     if (_link == Link::opening && Clock::now() - _link_since > connack_limit) {
-        tell_down("Broker " + _broker + " did not answer the connection request");
         give_up_connection();
+        tell_down("Broker " + _broker + " did not answer the connection request");
     }
     // With keepalive 0 libmosquitto's loop does not wait at all: it would use up a whole core.
-    if (socket() != -1 && !wait_for_socket(timeout_ms)) {
+    const bool is_due = socket() == -1 || wait_for_socket(timeout_ms);
+    if (_link == Link::up && _has_unsent) {
+        publish_again();  // there may be memory now
+    }
+    if (!is_due) {
         return MOSQ_ERR_SUCCESS;
     }
     const int rc = mosquittopp::loop(timeout_ms, max_packets);
@@ -163,7 +167,9 @@ int Client::publish(int* mid, const char* topic, int payloadlen, const void* pay
     if (mid != nullptr) {
         *mid = _unacknowledged.back().mid;
     }
-    if (!is_taken(rc)) {
+    if (rc == MOSQ_ERR_NOMEM) {  // the library may have taken it all the same, see renew()
+        give_up_connection();
+    } else if (!is_taken(rc)) {
         _unacknowledged.pop_back();
     }
     return rc;
@@ -303,14 +309,6 @@ void Client::give_up_connection()
     shutdown(socket(), SHUT_RDWR);
 }
 
-/// What could not be sent for want of memory is tried again on the next connection.
-void Client::give_up_if_out_of_memory(int rc)
-{
-    if (rc == MOSQ_ERR_NOMEM) {
-        give_up_connection();
-    }
-}
-
 /// Waits until there is something to read, or room for what is to be written. False if the time
 /// ran out or a signal came first.
 bool Client::wait_for_socket(int timeout_ms)
@@ -327,7 +325,9 @@ void Client::subscribe_all()
         const std::string& filter = subscription.handler->topicFilter();
         const int rc = subscribe(&subscription.mid, filter.c_str(), subscription.handler->qos());
         if (rc != MOSQ_ERR_SUCCESS) {
-            give_up_if_out_of_memory(rc);
+            if (rc == MOSQ_ERR_NOMEM) {
+                give_up_connection();  // the next one may find the memory
+            }
             tell(log4cpp::Priority::ERROR,
                  "Couldn't subscribe to " + filter + ". " + mosqpp::strerror(rc));
         }
@@ -345,6 +345,7 @@ int Client::hand_over(Publication& publication)
 /// Not before the broker has answered: until then the library would drop the retain flag.
 void Client::publish_again()
 {
+    _has_unsent = false;
     for (Publication& publication : _unacknowledged) {
         if (publication.mid != 0) {
             continue;
@@ -352,7 +353,7 @@ void Client::publish_again()
         const int rc = hand_over(publication);
         if (!is_taken(rc)) {
             publication.mid = 0;
-            give_up_if_out_of_memory(rc);
+            _has_unsent = true;
             tell(log4cpp::Priority::ERROR,
                  "Couldn't publish on " + publication.topic + " again. " + mosqpp::strerror(rc));
         }
@@ -364,6 +365,9 @@ try {
     if (const auto vars = FilterVariables::match(handler.topicFilter(), msg->topic)) {
         handler.onMessage(*vars, msg, *this);
     }
+} catch (const std::bad_alloc&) {
+    log_caught("message handler");
+    give_up_connection();  // a request that is retained comes again on the next one
 } catch (...) {
     log_caught("message handler");
 }

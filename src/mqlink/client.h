@@ -64,9 +64,9 @@ public:
 
     /// mosquittopp's publish, which also keeps a copy until the broker has acknowledged the
     /// message, and refuses what is too large for MQTT with MOSQ_ERR_PAYLOAD_SIZE. Without a
-    /// connection, or when it breaks, it returns MOSQ_ERR_NO_CONN, MOSQ_ERR_CONN_LOST or
-    /// MOSQ_ERR_ERRNO, and sends the message later; but with QoS 0 nothing is kept. Throws
-    /// std::bad_alloc, having done nothing.
+    /// connection, when it breaks, or without memory it returns MOSQ_ERR_NO_CONN,
+    /// MOSQ_ERR_CONN_LOST, MOSQ_ERR_ERRNO or MOSQ_ERR_NOMEM, and sends the message later; but with
+    /// QoS 0 nothing is kept. Throws std::bad_alloc, having done nothing.
     virtual int publish(int* mid, const char* topic, int payloadlen, const void* payload, int qos,
                         bool retain);
 
@@ -112,7 +112,6 @@ private:
     void set_socket_options();
     void set_option(int level, int option, int value);
     void give_up_connection();
-    void give_up_if_out_of_memory(int rc);
     bool wait_for_socket(int timeout_ms);
     void subscribe_all();
     int hand_over(Publication& publication);
@@ -142,6 +141,7 @@ private:
     bool _told_up = false;        ///< the last such line about the link says that it is up
 
     std::deque<Publication> _unacknowledged;  ///< those with QoS 1 and 2, in their order
+    bool _has_unsent = false;                 ///< some of them found no memory on this connection
     int _unwritten = 0;                       ///< number of those with QoS 0 that are not sent yet
     bool _stopping = false;
 };

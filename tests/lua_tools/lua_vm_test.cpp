@@ -3,9 +3,11 @@
 #include <gtest/gtest.h>
 
 #include <csignal>
+#include <new>
 #include <stdexcept>
 #include <type_traits>
 
+#include "memory_reserve.h"
 #include "support/failing_calls.h"
 #include "support/log_capture.h"
 #include "support/temp_dir.h"
@@ -122,6 +124,21 @@ TEST_F(LuaVMTest, OpenReportsWhetherThereIsAState)
     vm.close();
     vm.close();
     EXPECT_TRUE(vm.open());
+}
+
+TEST_F(LuaVMTest, AScriptIsRunOnlyIfThereIsMemoryForItsFailure)
+{
+    const std::string path = dir.write("short.lua", "return 1");
+    LuaVM vm({}, "/var/staging");
+    ASSERT_TRUE(vm.open());
+    hold_memory_reserve();
+    std::get_new_handler()();  // an allocation has needed the reserve
+    {
+        const failing_calls::Malloc failing;
+        expect_failure(vm.executeScript(path.c_str(), msgpack::object()), no_state);
+    }
+    EXPECT_EQ("No memory is left for the script", capture.texts_of("script").back());
+    EXPECT_TRUE(vm.executeScript(path.c_str(), msgpack::object()).getStatus());
 }
 
 TEST_F(LuaVMTest, AnOpenStateIsUsedAndAClosedOneIsOpenedAgain)

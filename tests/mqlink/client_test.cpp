@@ -847,7 +847,23 @@ TEST_F(ClientMemoryTest, AConnectionWhoseAnswerCannotBeHandledIsGivenUp)
     EXPECT_TRUE(was_given_up());
 }
 
-TEST_F(ClientMemoryTest, AConnectionOnWhichAResultCannotBeRepeatedIsGivenUp)
+TEST_F(ClientMemoryTest, AResultThatFindsNoMemoryIsPublishedOnTheNextConnection)
+{
+    build();
+    come_up();
+    fake_mosquitto.publish = [] { return MOSQ_ERR_NOMEM; };
+    EXPECT_EQ(MOSQ_ERR_NOMEM, publish());
+    EXPECT_TRUE(was_given_up());
+    library().on_disconnect(MOSQ_ERR_CONN_LOST);
+    fake_mosquitto.publish = FakeMosquitto::success;
+    fake_mosquitto.calls.clear();
+    come_up();
+    EXPECT_EQ(1, fake_mosquitto.count("reinitialise"));
+    EXPECT_EQ(1, fake_mosquitto.count("publish out/cmd/7"));
+}
+
+/// Or a result that no memory will ever suffice for would end each connection.
+TEST_F(ClientMemoryTest, AResultThatCannotBeRepeatedLeavesTheConnectionToOthersAndIsTriedAgain)
 {
     build();
     come_up();
@@ -855,6 +871,25 @@ TEST_F(ClientMemoryTest, AConnectionOnWhichAResultCannotBeRepeatedIsGivenUp)
     library().on_disconnect(MOSQ_ERR_CONN_LOST);
     fake_mosquitto.publish = [] { return MOSQ_ERR_NOMEM; };
     come_up();
+    client->loop(0, 1);
+    client->loop(0, 1);
+    EXPECT_FALSE(was_given_up());
+    fake_mosquitto.publish = FakeMosquitto::success;
+    fake_mosquitto.calls.clear();
+    client->loop(0, 1);
+    EXPECT_EQ(1, fake_mosquitto.count("publish out/cmd/7"));
+    client->loop(0, 1);
+    EXPECT_EQ(1, fake_mosquitto.count("publish"));
+}
+
+TEST_F(ClientMemoryTest, ARequestThatCannotBeHandledEndsTheConnectionSoThatItComesAgain)
+{
+    RecordingHandler handler("in/cmd/+");
+    build_with(handler);
+    come_up();
+    EXPECT_FALSE(was_given_up());
+    fail_next_allocation();
+    receive("in/cmd/7");
     EXPECT_TRUE(was_given_up());
 }
 
@@ -1056,7 +1091,7 @@ TEST_F(ClientRedeliveryTest, WhatTheLibraryRefusedIsNotKept)
 {
     build();
     come_up();
-    fake_mosquitto.publish = [] { return MOSQ_ERR_NOMEM; };
+    fake_mosquitto.publish = [] { return MOSQ_ERR_INVAL; };
     publish();
     library().on_disconnect(MOSQ_ERR_CONN_LOST);
     fake_mosquitto.calls.clear();
@@ -1331,8 +1366,9 @@ TEST_F(ClientEndTest, MessagesThatTheLibraryKeepsAreCountedAndRefusedOnesAreNot)
          {"ERROR broker_log: 1 messages were not acknowledged by the broker and may be lost"}},
         {MOSQ_ERR_ERRNO,  // the same: the write failed
          {"ERROR broker_log: 1 messages were not acknowledged by the broker and may be lost"}},
+        {MOSQ_ERR_NOMEM,  // the same
+         {"ERROR broker_log: 1 messages were not acknowledged by the broker and may be lost"}},
         {MOSQ_ERR_INVAL, {}},
-        {MOSQ_ERR_NOMEM, {}},
         {MOSQ_ERR_PAYLOAD_SIZE, {}},
         {MOSQ_ERR_MALFORMED_UTF8, {}},
     };
