@@ -9,7 +9,7 @@ namespace pex {
 namespace {
 
 /// Enough for what a failed job still needs: its records, its failure result and the way out.
-constexpr std::size_t reserve_size = 64 * 1024;
+constexpr std::size_t reserve_size = 65536;
 
 void* reserve = nullptr;
 

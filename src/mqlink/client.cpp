@@ -24,6 +24,14 @@ using std::chrono::seconds;
 // for 1.5 keepalives, and with it the requests that wait for their turn.
 constexpr int mqtt_keepalive = 0;
 
+// A broker answers what it is sent in its order. So when it has answered an UNSUBSCRIBE, for a
+// filter that is not subscribed, it has acknowledged what was sent before, or it never will:
+// mosquitto drops acknowledgements, too, when more than max_queued_messages packets wait for a
+// client. Two in a row, since one message of QoS 2 takes two acknowledgements.
+constexpr const char* probe_filter = "not/subscribed";
+constexpr auto probe_interval = seconds(30);
+constexpr int probes_in_vain = 2;
+
 // A peer that vanished is found by probes after 20 s of silence, every 10 s, or by data that stays
 // unacknowledged; either way the kernel gives up at the first check past 45 s (tcp(7)).
 constexpr int tcp_keepidle_s = 20;
@@ -129,10 +137,8 @@ try {
     if (_link == Link::up && _has_unsent) {
         publish_again();  // there may be memory now
     }
-    if (!is_due) {
-        return MOSQ_ERR_SUCCESS;
-    }
-    const int rc = mosquittopp::loop(timeout_ms, max_packets);
+    const int rc = is_due ? mosquittopp::loop(timeout_ms, max_packets) : MOSQ_ERR_SUCCESS;
+    probe_if_due();
     // Its complaint about descriptors that select(2) cannot take comes even without a connection.
     return rc == MOSQ_ERR_INVAL && _link == Link::down ? MOSQ_ERR_NO_CONN : rc;
 } catch (...) {
@@ -159,6 +165,9 @@ int Client::publish(int* mid, const char* topic, int payloadlen, const void* pay
         const int rc = mosquittopp::publish(mid, topic, payloadlen, payload, qos, retain);
         _unwritten -= rc == MOSQ_ERR_SUCCESS ? 0 : 1;
         return rc;
+    }
+    if (_unacknowledged.empty()) {
+        expect_acknowledgement();
     }
     const std::size_t size = static_cast<std::size_t>(payloadlen);
     _unacknowledged.push_back(
@@ -193,6 +202,7 @@ try {
         subscribe_all();
     }
     publish_again();
+    expect_acknowledgement();
 } catch (...) {
     log_caught("on_connect");
     give_up_connection();  // or it could stay without its subscription
@@ -217,6 +227,7 @@ void Client::on_publish(int mid)
                      [mid](const Publication& publication) { return publication.mid == mid; });
     if (acknowledged != _unacknowledged.end()) {
         _unacknowledged.erase(acknowledged);
+        expect_acknowledgement();
     } else if (_unwritten > 0) {
         --_unwritten;
     }
@@ -285,6 +296,35 @@ int Client::renew()
     }
     on_renewed();
     return rc;
+}
+
+/// Begins to wait for the next acknowledgement.
+void Client::expect_acknowledgement()
+{
+    _waiting_since = Clock::now();
+    _probe = 0;
+    _probes_answered = 0;
+}
+
+/// Asks the broker for a sign that it has handled what was sent, if it is silent for long.
+void Client::probe_if_due()
+{
+    if (_link == Link::up && !_unacknowledged.empty() &&
+        Clock::now() - _waiting_since >= probe_interval) {
+        _waiting_since = Clock::now();
+        unsubscribe(&_probe, probe_filter);
+    }
+}
+
+void Client::on_unsubscribe(int mid)
+try {
+    if (mid == _probe && ++_probes_answered == probes_in_vain) {
+        give_up_connection();
+        tell(log4cpp::Priority::ERROR,
+             "Broker " + _broker + " does not acknowledge what was published");
+    }
+} catch (...) {
+    log_caught("on_unsubscribe");
 }
 
 void Client::set_socket_options()

@@ -27,6 +27,9 @@ struct ClientSessionOptions {
 /// logged once, under the category given at construction: while attempts fail in a row, or
 /// connections end within seconds, no line is repeated.
 ///
+/// A broker that does not acknowledge what is published, but answers to other requests, is left for
+/// a new connection after a minute or so.
+///
 /// What the broker has not acknowledged when a connection ends is published anew on the next one,
 /// in the same order: it arrives at least once, and twice if only the acknowledgement was lost.
 class Client : public mosqpp::mosquittopp {
@@ -79,6 +82,7 @@ protected:
     void on_publish(int mid) override;
     void on_message(const mosquitto_message* msg) override;
     void on_subscribe(int mid, int qos_count, const int* granted_qos) override;
+    void on_unsubscribe(int mid) override;
 
     /// Whether the broker has acknowledged everything that was published.
     bool all_acknowledged() const { return _unacknowledged.empty() && _unwritten == 0; }
@@ -109,6 +113,8 @@ private:
 
     bool wait_for_turn();
     int renew();
+    void expect_acknowledgement();
+    void probe_if_due();
     void set_socket_options();
     void set_option(int level, int option, int value);
     void give_up_connection();
@@ -143,6 +149,9 @@ private:
     std::deque<Publication> _unacknowledged;  ///< those with QoS 1 and 2, in their order
     bool _has_unsent = false;                 ///< some of them found no memory on this connection
     int _unwritten = 0;                       ///< number of those with QoS 0 that are not sent yet
+    Clock::time_point _waiting_since{};       ///< for an acknowledgement, or since the last probe
+    int _probe = 0;            ///< packet identifier of the last UNSUBSCRIBE; 0: none
+    int _probes_answered = 0;  ///< since the last acknowledgement
     bool _stopping = false;
 };
 

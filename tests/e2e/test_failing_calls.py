@@ -430,7 +430,7 @@ def test_every_allocation_while_the_connection_is_lost_and_made_again(
 
 TRANSFERS = [
     *(("sending", getattr(errno, name), 1, {"right"})
-      for name in ["EAGAIN", "EINTR", "EPIPE", "ECONNRESET", "ENOBUFS"]),
+      for name in ["EAGAIN", "EINTR", "EPIPE", "ECONNRESET", "ENOBUFS", "ENOSPC"]),
     ("sending", SHORT, 1, {"right"}),
     ("sending", SHORT, FOR_EVER, {"right"}),
     ("receiving", errno.EINTR, 1, {"right"}),

@@ -9,8 +9,8 @@ import time
 
 import pytest
 
-from harness import DEADLINE, Broker, Scripts, Server, Service, request, wait_until
-from scripted_broker import ScriptedBroker, connect, connection_records
+from harness import DEADLINE, Broker, Scripts, Server, Service, failure, request, wait_until
+from scripted_broker import ScriptedBroker, connect, connection_records, publish
 from scripted_job import GatedJob
 from scripted_network import Cable, missing, on_host
 from scripted_proc import processor_time
@@ -132,6 +132,14 @@ class Waits:
         endings.callback(self.unanswered.finish)
         self.unanswered.start()
         self.unanswered_connection = self.silent_broker.accept()
+        self.forgetful_broker = endings.enter_context(ScriptedBroker())
+        self.unacknowledged = Service(directory / "unacknowledged",
+                                      settings={"server_comms.port": self.forgetful_broker.port})
+        endings.callback(self.unacknowledged.finish)
+        self.unacknowledged.start()
+        self.unacknowledged_connection = self.forgetful_broker.accept_and_serve()
+        self.unacknowledged_connection.send(publish("in/cmd/1", b"\xc1"))
+        self.unacknowledged_connection.result("out/cmd/1", failure("parse error"))
         self.busy = Site(directory / "busy", endings)
         self.busy.start_job()
         for job in range(2, 6):
@@ -175,6 +183,24 @@ def test_connection_request_is_not_awaited_for_ever(waits):
         ("INFO", f"Connected to broker {broker}"),
     ]
     assert processor_time(waits.unanswered.pid) < 1
+
+
+def test_broker_that_forgets_an_acknowledgement_is_left(waits):
+    """It has lost the PUBREC of a result, as mosquitto does when more packets wait for the daemon
+    than it keeps, but answers all else. It is asked twice, then the result goes over a new
+    connection."""
+    connection = waits.unacknowledged_connection
+    connection.probed(30 + DEADLINE)
+    assert time.monotonic() - waits.begin > 29
+    connection.probed(30 + DEADLINE)
+    assert time.monotonic() - waits.begin > 59
+    connection.expect_end()
+    connection = waits.forgetful_broker.accept_and_serve()
+    connection.acknowledge(connection.result("out/cmd/1", failure("parse error")))
+    broker = waits.forgetful_broker.name
+    assert connection_records(waits.unacknowledged)[:2] == [
+        ("INFO", f"Connected to broker {broker}"),
+        ("ERROR", f"Broker {broker} does not acknowledge what was published")]
 
 
 @pytest.mark.parametrize("state", STATES)

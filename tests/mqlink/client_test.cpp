@@ -1180,6 +1180,126 @@ TEST_F(ClientRedeliveryTest, WithoutMemoryForTheCopyNothingIsPublished)
     EXPECT_EQ(0u, take_log().size() - 1);  // "Connected"; nothing is waited for
 }
 
+class ClientProbeTest : public ClientMemoryTest {
+protected:
+    ClientProbeTest()
+    {
+        build();
+        come_up();
+        fake_mosquitto.next_mid = 11;
+    }
+
+    int probes() const { return fake_mosquitto.count("unsubscribe not/subscribed"); }
+
+    void wait(VirtualClock::Duration time)
+    {
+        clock.advance(time);
+        client->loop(0, 1);
+    }
+};
+
+TEST_F(ClientProbeTest, ABrokerThatAnswersTwoProbesAndAcknowledgesNothingIsLeft)
+{
+    publish();  // 11
+    take_log();
+    wait(29s);
+    EXPECT_EQ(0, probes());
+    wait(1s);
+    EXPECT_EQ(1, probes());  // 12
+    library().on_unsubscribe(12);
+    wait(29s);
+    EXPECT_EQ(1, probes());
+    wait(1s);
+    EXPECT_EQ(2, probes());  // 13
+    EXPECT_FALSE(was_given_up());
+    library().on_unsubscribe(13);
+    EXPECT_TRUE(was_given_up());
+    EXPECT_EQ(Records{"ERROR broker_log: Broker localhost:1883 does not acknowledge what was "
+                      "published"},
+              take_log());
+}
+
+TEST_F(ClientProbeTest, AnAcknowledgementBeginsTheWaitAnew)
+{
+    publish();  // 11
+    publish();  // 12
+    wait(30s);  // 13
+    library().on_unsubscribe(13);
+    clock.advance(29s);
+    library().on_publish(11);
+    wait(29s);
+    EXPECT_EQ(1, probes());
+    wait(1s);
+    library().on_unsubscribe(14);
+    EXPECT_FALSE(was_given_up());
+    wait(30s);
+    library().on_unsubscribe(15);
+    EXPECT_TRUE(was_given_up());
+}
+
+TEST_F(ClientProbeTest, AProbeBeforeTheAcknowledgementDoesNotCount)
+{
+    publish();  // 11
+    publish();  // 12
+    wait(30s);  // 13
+    library().on_publish(11);
+    library().on_unsubscribe(13);
+    wait(30s);  // 14
+    library().on_unsubscribe(14);
+    EXPECT_FALSE(was_given_up());
+}
+
+TEST_F(ClientProbeTest, ASlowBrokerIsWaitedFor)
+{
+    publish();                     // 11
+    wait(30s);                     // 12
+    wait(30s);                     // 13
+    library().on_unsubscribe(12);  // too late to count
+    library().on_unsubscribe(13);
+    EXPECT_EQ(2, probes());
+    EXPECT_FALSE(was_given_up());
+}
+
+TEST_F(ClientProbeTest, WithNothingToAcknowledgeNobodyIsAsked)
+{
+    wait(2min);
+    publish();  // 11
+    wait(29s);
+    library().on_publish(11);
+    wait(2min);
+    EXPECT_EQ(0, probes());
+    library().on_disconnect(MOSQ_ERR_CONN_LOST);
+    publish();
+    wait(2min);
+    EXPECT_EQ(0, probes());
+}
+
+TEST_F(ClientProbeTest, ANewConnectionHasItsTime)
+{
+    publish();  // 11
+    wait(30s);  // 12
+    library().on_unsubscribe(12);
+    library().on_disconnect(MOSQ_ERR_CONN_LOST);
+    clock.advance(20s);
+    come_up();  // 13
+    wait(29s);
+    EXPECT_EQ(1, probes());
+    wait(1s);  // 14
+    library().on_unsubscribe(14);
+    EXPECT_FALSE(was_given_up());
+}
+
+TEST_F(ClientProbeTest, WithoutMemoryForTheRecordTheConnectionIsLeftAllTheSame)
+{
+    publish();
+    wait(30s);
+    library().on_unsubscribe(12);
+    wait(30s);
+    fail_next_allocation();
+    library().on_unsubscribe(13);
+    EXPECT_TRUE(was_given_up());
+}
+
 using ClientEndTest = ClientTest;
 
 TEST_F(ClientEndTest, WithNothingToDeliverTheEndIsADisconnect)

@@ -92,6 +92,13 @@ int mosquittopp::subscribe(int* mid, const char* sub, int qos)
     return fake_mosquitto.subscribe();
 }
 
+int mosquittopp::unsubscribe(int* mid, const char* sub)
+{
+    record(std::string("unsubscribe ") + sub);
+    store_next_mid(mid);
+    return MOSQ_ERR_SUCCESS;
+}
+
 int mosquittopp::publish(int* mid, const char* topic, int payloadlen, const void* payload, int qos,
                          bool retain)
 {
