@@ -10,7 +10,7 @@
 #include "lua_panic.h"
 #include "lua_tools/lua_vm.h"
 #include "script_view.h"
-#include "temporary_folder.h"
+#include "support/temp_dir.h"
 
 namespace {
 
@@ -32,7 +32,7 @@ Ending unpack(const std::string& bytes, msgpack::object_handle& object)
 
 std::string seen_by_script(const msgpack::object& args)
 {
-    static const fuzz::TemporaryFolder folder;
+    static const TempDir folder;
     static const std::string script = folder.write("show.lua", fuzz::show_args);
     try {
         pex::LuaVM vm({folder.path() + "/"}, "/staging");

@@ -7,7 +7,7 @@
 #include "expect.h"
 #include "lua_panic.h"
 #include "request_model.h"
-#include "temporary_folder.h"
+#include "support/temp_dir.h"
 
 namespace {
 
@@ -30,7 +30,7 @@ public:
     std::vector<std::string> payloads;
 };
 
-std::string script_folder(const fuzz::TemporaryFolder& folder)
+std::string script_folder(const TempDir& folder)
 {
     for (const auto& [name, script] : fuzz::job_scripts) {
         folder.write(name, script.text);
@@ -42,7 +42,7 @@ std::string script_folder(const fuzz::TemporaryFolder& folder)
 
 extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size)
 {
-    static const fuzz::TemporaryFolder folder;
+    static const TempDir folder;
     static pex::CommandHandler handler("fuzz", {script_folder(folder)}, "/staging");
     static RecordingClient client;
 

@@ -17,6 +17,7 @@ import pytest
 
 from harness import (DEADLINE, DEADLINE_FACTOR, REPOSITORY, WRAPPER, binary, failure,
                      pexctl_binary, request, wait_until)
+from script_run import ScriptRun
 
 sys.path.insert(0, str(REPOSITORY / "scripts"))
 from fleet_brokers import HOST, Centre, Dock, Link, make_certificates  # noqa: E402
@@ -496,42 +497,13 @@ def test_documented_command_fills_in_a_file(tmp_path, command, target, expected)
     assert not [line for line in settings if re.search("DOCK|example", line)]
 
 
-class FleetRun:
+class FleetRun(ScriptRun):
     """One run of scripts/fleet."""
 
+    prefix = "pex-fleet-"
+
     def __init__(self, directory, *arguments):
-        self.directory = directory
-        self.process = subprocess.Popen(
-            [FLEET, *arguments], stdin=subprocess.DEVNULL, stdout=subprocess.PIPE,
-            stderr=subprocess.PIPE, text=True, env={**os.environ, "TMPDIR": str(directory)},
-            # Tests that a shell runs in the background ignore SIGINT, and so would the fleet.
-            preexec_fn=lambda: signal.signal(signal.SIGINT, signal.SIG_DFL))
-
-    def end(self):
-        """The exit status, standard output and standard error. Nothing may be left."""
-        try:
-            out, err = self.process.communicate(timeout=4 * DEADLINE)
-        except subprocess.TimeoutExpired:
-            self.process.terminate()
-            raise
-        finally:
-            forgotten = self.children()
-            for pid in forgotten:
-                os.kill(pid, signal.SIGKILL)
-        assert forgotten == {}
-        assert list(self.directory.iterdir()) == []
-        return self.process.returncode, out, err
-
-    def children(self):
-        """The processes that work in the run's directory: their ids and command lines."""
-        found = {}
-        for path in pathlib.Path("/proc").glob("[0-9]*/cmdline"):
-            try:
-                found[int(path.parent.name)] = path.read_bytes()
-            except OSError:  # ended meanwhile
-                pass
-        return {pid: line for pid, line in found.items()
-                if f"{self.directory}/pex-fleet-".encode() in line}
+        super().__init__(directory, [FLEET, *arguments])
 
 
 @pytest.mark.parametrize("arguments, summary", [
