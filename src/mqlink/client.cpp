@@ -24,10 +24,11 @@ using std::chrono::seconds;
 // for 1.5 keepalives, and with it the requests that wait for their turn.
 constexpr int mqtt_keepalive = 0;
 
-// A broker answers what it is sent in its order. So when it has answered an UNSUBSCRIBE, for a
-// filter that is not subscribed, it has acknowledged what was sent before, or it never will:
-// mosquitto drops acknowledgements, too, when more than max_queued_messages packets wait for a
-// client. Two in a row, since one message of QoS 2 takes two acknowledgements.
+// mosquitto answers what it is sent in its order. So when it has answered an UNSUBSCRIBE, for a
+// filter that is not subscribed, it has acknowledged what was sent before, or it never will: it
+// drops acknowledgements, too, when more than max_queued_messages packets wait for a client. Two in
+// a row, since one message of QoS 2 takes two acknowledgements. A broker that acknowledges later
+// than it answers is left each minute, and has the messages twice.
 constexpr const char* probe_filter = "not/subscribed";
 constexpr auto probe_interval = seconds(30);
 constexpr int probes_in_vain = 2;
@@ -112,15 +113,15 @@ try {
         return rc;
     }
     if (socket() >= FD_SETSIZE) {  // libmosquitto's loop waits with select(2), which takes no more
-        tell_down("Couldn't reach broker " + _broker + ". Too many open files");
         disconnect();
+        tell_down("Couldn't reach broker " + _broker + ". Too many open files");
         return MOSQ_ERR_NO_CONN;
     }
     set_socket_options();
     _link = Link::opening;
     _link_since = Clock::now();  // not before connect(), which may take minutes
     return rc;
-} catch (...) {  // nothing but std::bad_alloc; the next attempt may have the memory
+} catch (...) {  // mostly std::bad_alloc; the next attempt may have the memory
     log_caught("connection attempt");
     return MOSQ_ERR_NOMEM;
 }
@@ -134,9 +135,6 @@ try {
     }
     // With keepalive 0 libmosquitto's loop does not wait at all: it would use up a whole core.
     const bool is_due = socket() == -1 || wait_for_socket(timeout_ms);
-    if (_link == Link::up && _has_unsent) {
-        publish_again();  // there may be memory now
-    }
     const int rc = is_due ? mosquittopp::loop(timeout_ms, max_packets) : MOSQ_ERR_SUCCESS;
     probe_if_due();
     // Its complaint about descriptors that select(2) cannot take comes even without a connection.
@@ -217,6 +215,7 @@ try {
         tell_down("Broker " + _broker + " closed the connection without an answer. " + reason(rc));
     }
 } catch (...) {
+    _link = Link::down;
     log_caught("on_disconnect");
 }
 
@@ -226,8 +225,11 @@ void Client::on_publish(int mid)
         std::find_if(_unacknowledged.begin(), _unacknowledged.end(),
                      [mid](const Publication& publication) { return publication.mid == mid; });
     if (acknowledged != _unacknowledged.end()) {
+        const bool was_awaited = acknowledged == _unacknowledged.begin();
         _unacknowledged.erase(acknowledged);
-        expect_acknowledgement();
+        if (was_awaited) {
+            expect_acknowledgement();
+        }
     } else if (_unwritten > 0) {
         --_unwritten;
     }
@@ -298,7 +300,7 @@ int Client::renew()
     return rc;
 }
 
-/// Begins to wait for the next acknowledgement.
+/// Begins to wait for the acknowledgement of the oldest message.
 void Client::expect_acknowledgement()
 {
     _waiting_since = Clock::now();
@@ -312,7 +314,7 @@ void Client::probe_if_due()
     if (_link == Link::up && !_unacknowledged.empty() &&
         Clock::now() - _waiting_since >= probe_interval) {
         _waiting_since = Clock::now();
-        unsubscribe(&_probe, probe_filter);
+        unsubscribe(&_probe, probe_filter);  // if this fails, the next one is due in 30 s
     }
 }
 
@@ -382,20 +384,20 @@ int Client::hand_over(Publication& publication)
                                 publication.payload.data(), publication.qos, publication.retain);
 }
 
-/// Not before the broker has answered: until then the library would drop the retain flag.
+/// Once the broker has let the client in. One that finds no memory ends the connection: the library
+/// may have taken it all the same, see renew(), and no later message is to overtake it.
 void Client::publish_again()
 {
-    _has_unsent = false;
     for (Publication& publication : _unacknowledged) {
         if (publication.mid != 0) {
             continue;
         }
         const int rc = hand_over(publication);
         if (!is_taken(rc)) {
-            publication.mid = 0;
-            _has_unsent = true;
+            give_up_connection();
             tell(log4cpp::Priority::ERROR,
                  "Couldn't publish on " + publication.topic + " again. " + mosqpp::strerror(rc));
+            return;
         }
     }
 }

@@ -27,8 +27,8 @@ struct ClientSessionOptions {
 /// logged once, under the category given at construction: while attempts fail in a row, or
 /// connections end within seconds, no line is repeated.
 ///
-/// A broker that does not acknowledge what is published, but answers to other requests, is left for
-/// a new connection after a minute or so.
+/// A broker that does not acknowledge the oldest message, but answers other requests, is left for a
+/// new connection after a minute or so.
 ///
 /// What the broker has not acknowledged when a connection ends is published anew on the next one,
 /// in the same order: it arrives at least once, and twice if only the acknowledgement was lost.
@@ -147,7 +147,6 @@ private:
     bool _told_up = false;        ///< the last such line about the link says that it is up
 
     std::deque<Publication> _unacknowledged;  ///< those with QoS 1 and 2, in their order
-    bool _has_unsent = false;                 ///< some of them found no memory on this connection
     int _unwritten = 0;                       ///< number of those with QoS 0 that are not sent yet
     Clock::time_point _waiting_since{};       ///< for an acknowledgement, or since the last probe
     int _probe = 0;            ///< packet identifier of the last UNSUBSCRIBE; 0: none

@@ -141,9 +141,9 @@ void BrokerSession::send(const std::string& topic, const std::string& payload, i
 {
     const int size = static_cast<int>(std::min<std::size_t>(payload.size(), INT_MAX));
     const int rc = publish(nullptr, topic.c_str(), size, payload.data(), qos, retain);
-    // With QoS 0 the library keeps nothing for the next connection.
-    const bool is_kept =
-        qos > 0 && (rc == MOSQ_ERR_NO_CONN || rc == MOSQ_ERR_CONN_LOST || rc == MOSQ_ERR_ERRNO);
+    // With QoS 0 nothing is kept for the next connection.
+    const bool is_kept = qos > 0 && (rc == MOSQ_ERR_NO_CONN || rc == MOSQ_ERR_CONN_LOST ||
+                                     rc == MOSQ_ERR_ERRNO || rc == MOSQ_ERR_NOMEM);
     if (rc != MOSQ_ERR_SUCCESS && !is_kept) {
         throw Failure(wrong_usage, "Cannot publish on " + topic + ". " + mosqpp::strerror(rc));
     }

@@ -862,24 +862,28 @@ TEST_F(ClientMemoryTest, AResultThatFindsNoMemoryIsPublishedOnTheNextConnection)
     EXPECT_EQ(1, fake_mosquitto.count("publish out/cmd/7"));
 }
 
-/// Or a result that no memory will ever suffice for would end each connection.
-TEST_F(ClientMemoryTest, AResultThatCannotBeRepeatedLeavesTheConnectionToOthersAndIsTriedAgain)
+/// The library may have taken it, which the next connection makes undone, and a withdrawal that is
+/// published meanwhile must not come before the result.
+TEST_F(ClientMemoryTest, AConnectionOnWhichAResultCannotBeRepeatedIsGivenUpAndTheOrderIsKept)
 {
     build();
     come_up();
-    publish();
+    client->publish(nullptr, "out/cmd/1", 1, "a", 2, true);
+    client->publish(nullptr, "out/cmd/2", 1, "b", 2, true);
     library().on_disconnect(MOSQ_ERR_CONN_LOST);
     fake_mosquitto.publish = [] { return MOSQ_ERR_NOMEM; };
-    come_up();
-    client->loop(0, 1);
-    client->loop(0, 1);
-    EXPECT_FALSE(was_given_up());
-    fake_mosquitto.publish = FakeMosquitto::success;
     fake_mosquitto.calls.clear();
-    client->loop(0, 1);
-    EXPECT_EQ(1, fake_mosquitto.count("publish out/cmd/7"));
-    client->loop(0, 1);
+    come_up();
+    EXPECT_TRUE(was_given_up());
     EXPECT_EQ(1, fake_mosquitto.count("publish"));
+    library().on_disconnect(MOSQ_ERR_CONN_LOST);
+    fake_mosquitto.publish = FakeMosquitto::success;
+    client->publish(nullptr, "out/cmd/1", 0, "", 2, true);
+    fake_mosquitto.calls.clear();
+    come_up();
+    EXPECT_EQ((Calls{"reinitialise an_id clean", "connect localhost 1883 keepalive 0",
+                     "publish out/cmd/1", "publish out/cmd/2", "publish out/cmd/1"}),
+              fake_mosquitto.calls);
 }
 
 TEST_F(ClientMemoryTest, ARequestThatCannotBeHandledEndsTheConnectionSoThatItComesAgain)
@@ -901,6 +905,9 @@ TEST_F(ClientMemoryTest, AConnectionThatIsLostWithoutMemoryIsMadeAgain)
     fail_next_allocation();
     library().on_disconnect(MOSQ_ERR_CONN_LOST);
     EXPECT_EQ(Records{"ERROR broker_log: Exception in on_disconnect: std::bad_alloc"}, take_log());
+    fake_mosquitto.socket = -1;
+    fake_mosquitto.loop = [] { return MOSQ_ERR_INVAL; };
+    EXPECT_EQ(MOSQ_ERR_NO_CONN, client->loop(0, 1));  // that of a client without a connection
     EXPECT_EQ(MOSQ_ERR_SUCCESS, start());
 }
 
@@ -1234,6 +1241,24 @@ TEST_F(ClientProbeTest, AnAcknowledgementBeginsTheWaitAnew)
     EXPECT_FALSE(was_given_up());
     wait(30s);
     library().on_unsubscribe(15);
+    EXPECT_TRUE(was_given_up());
+}
+
+TEST_F(ClientProbeTest, AcknowledgementsOfLaterMessagesDoNotHideThatOneIsLost)
+{
+    publish();  // 11
+    for (int mid = 12; mid <= 14; ++mid) {
+        publish();
+    }
+    clock.advance(20s);
+    library().on_publish(12);
+    wait(10s);  // 15
+    library().on_unsubscribe(15);
+    clock.advance(20s);
+    library().on_publish(13);
+    wait(10s);  // 16
+    EXPECT_FALSE(was_given_up());
+    library().on_unsubscribe(16);
     EXPECT_TRUE(was_given_up());
 }
 
