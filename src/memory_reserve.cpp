@@ -23,7 +23,7 @@ void release_reserve()
 
 }  // namespace
 
-bool hold_memory_reserve() noexcept
+bool hold_memory_reserve()
 {
     if (reserve == nullptr) {
         reserve = std::malloc(reserve_size);

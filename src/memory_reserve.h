@@ -9,6 +9,6 @@ namespace pex {
 ///
 /// Without it the end of the memory would be the end of the service: log4cpp's functions are
 /// declared to throw nothing, so a record that finds no memory ends the process.
-bool hold_memory_reserve() noexcept;
+bool hold_memory_reserve();
 
 }  // namespace pex
