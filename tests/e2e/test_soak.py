@@ -149,7 +149,9 @@ def test_soak_names_the_job_with_a_second_result(tmp_path, faulty_daemon, option
 
 def test_soak_says_that_the_daemon_has_ended(tmp_path, faulty_daemon):
     daemon = faulty_daemon("if number and number > 20 then say(number) os.exit(3) end")
-    status, out, _ = SoakRun(tmp_path, "100", "--restarts", "0", *ANY_GROWTH, daemon=daemon).end()
+    # One job at a time, or it would take results of others that have not left with it.
+    status, out, _ = SoakRun(tmp_path, "100", "--restarts", "0", "--window", "1", *ANY_GROWTH,
+                             daemon=daemon).end()
     number = (tmp_path / "said").read_text()
     assert status == 1
     assert "\nThe daemon has ended with 3:\n" in out
