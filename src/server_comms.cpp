@@ -56,6 +56,10 @@ mqlink::Client ServerCommunicator::setup_client()
     options.client_id = _id.c_str();
     options.clean_session = true;
     options.resubscribe_on_connect = true;
+    const int max_inflight = _props.getInt("server_comms.max_inflight", options.max_inflight);
+    if (max_inflight >= 1 && max_inflight <= 20) {
+        options.max_inflight = max_inflight;
+    }
     return mqlink::Client(options, "server_comms");
 }
 

@@ -1,49 +1,37 @@
 #include "mqlink/client.h"
 
-#include <fcntl.h>
-#include <netinet/in.h>
-#include <netinet/tcp.h>
 #include <poll.h>
-#include <sys/select.h>
+#include <signal.h>
 #include <sys/socket.h>
-#include <time.h>
 
 #include <algorithm>
 #include <cerrno>
 #include <cstring>
 #include <exception>
 
+#include "mqlink/socket_options.h"
+
 namespace mqlink {
 
 namespace {
 
-using std::chrono::milliseconds;
-using std::chrono::seconds;
+using namespace std::chrono_literals;
 
 // 0: no MQTT pings. With any other value the broker would drop a client that a job has kept silent
 // for 1.5 keepalives, and with it the requests that wait for their turn.
 constexpr int mqtt_keepalive = 0;
 
-// mosquitto answers what it is sent in its order. So when it has answered an UNSUBSCRIBE, for a
-// filter that is not subscribed, it has acknowledged what was sent before, or it never will: it
-// drops acknowledgements, too, when more than max_queued_messages packets wait for a client. Two in
-// a row, since one message of QoS 2 takes two acknowledgements. A broker that acknowledges later
-// than it answers is left each minute, and has the messages twice.
-constexpr const char* probe_filter = "not/subscribed";
-constexpr auto probe_interval = seconds(30);
-constexpr int probes_in_vain = 2;
+constexpr auto connack_limit = 30s;
+// mosquitto drops acknowledgements, too, while more than max_queued_messages packets wait for a
+// client. MQTT repeats nothing on a living connection (3.1.1, section 4.4).
+constexpr auto acknowledgement_limit = 3min;
+constexpr auto delivery_limit = 2s;
+constexpr int connections_per_suspect = 5;
 
-// A peer that vanished is found by probes after 20 s of silence, every 10 s, or by data that stays
-// unacknowledged; either way the kernel gives up at the first check past 45 s (tcp(7)).
-constexpr int tcp_keepidle_s = 20;
-constexpr int tcp_keepintvl_s = 10;
-constexpr int tcp_user_timeout_ms = 45000;
-
-constexpr milliseconds shortest_pause(10);
-constexpr milliseconds longest_pause(1000);
-constexpr seconds settling_time(5);
-constexpr seconds connack_limit(30);
-constexpr seconds delivery_limit(2);
+constexpr int handshake_share = 20;
+constexpr Client::Clock::duration longest_handshake = 1s;
+// A shorter wait would take longer than it is: by the timer slack (prctl(2), PR_SET_TIMERSLACK).
+constexpr Client::Clock::duration shortest_handshake = 50us;
 
 constexpr int suback_failure = 0x80;  // MQTT 3.1.1, section 3.9.3
 
@@ -69,8 +57,11 @@ bool is_taken(int rc)
 Client::Client(const ClientSessionOptions& options, const char* name)
     : mosqpp::mosquittopp(options.client_id, options.clean_session),
       log(log4cpp::Category::getInstance(name)),
-      _options(options)
+      _options(options),
+      _link_log(log)
 {
+    signal(SIGPIPE, SIG_IGN);  // libmosquitto does it up to 2.0.14
+    max_inflight_messages_set(static_cast<unsigned>(_options.max_inflight));
 }
 
 Client::~Client()
@@ -87,6 +78,7 @@ void Client::stop()
     }
     _stopping = true;
     try {
+        drop_inbox("Stopping");
         deliver_pending();
     } catch (...) {
         log_caught("delivery at the end");
@@ -100,7 +92,9 @@ void Client::registerHandler(Handler* handler)
 
 int Client::start(const char* host, int port)
 try {
-    if (!wait_for_turn()) {
+    drop_inbox("Lost the connection");  // a failed TLS handshake calls no on_disconnect()
+    _link_log.refresh();
+    if (!_pace.wait_for_turn()) {
         return MOSQ_ERR_NO_CONN;
     }
     _broker = port == 0 ? host : host + (":" + std::to_string(port));
@@ -109,17 +103,14 @@ try {
         rc = connect(host, port, mqtt_keepalive);
     }
     if (rc != MOSQ_ERR_SUCCESS) {
-        tell_down("Couldn't reach broker " + _broker + ". " + reason(rc));
+        _link = Link::down;
+        _link_log.down("Couldn't reach broker " + _broker + ". " + reason(rc));
         return rc;
     }
-    if (socket() >= FD_SETSIZE) {  // libmosquitto's loop waits with select(2), which takes no more
-        disconnect();
-        tell_down("Couldn't reach broker " + _broker + ". Too many open files");
-        return MOSQ_ERR_NO_CONN;
-    }
-    set_socket_options();
+    set_socket_options(socket());
     _link = Link::opening;
-    _link_since = Clock::now();  // not before connect(), which may take minutes
+    _opened = Clock::now();  // not before connect(), which may take minutes
+    _given_up = false;
     return rc;
 } catch (...) {  // mostly std::bad_alloc; the next attempt may have the memory
     log_caught("connection attempt");
@@ -128,17 +119,29 @@ try {
 
 int Client::loop(int timeout_ms, int max_packets)
 try {
-    settle_if_due();
-    if (_link == Link::opening && Clock::now() - _link_since > connack_limit) {
-        give_up_connection();
-        tell_down("Broker " + _broker + " did not answer the connection request");
+    look_after_connection();
+    if (socket() == -1) {
+        return loop_misc();
     }
-    // With keepalive 0 libmosquitto's loop does not wait at all: it would use up a whole core.
-    const bool is_due = socket() == -1 || wait_for_socket(timeout_ms);
-    const int rc = is_due ? mosquittopp::loop(timeout_ms, max_packets) : MOSQ_ERR_SUCCESS;
-    probe_if_due();
-    // Its complaint about descriptors that select(2) cannot take comes even without a connection.
-    return rc == MOSQ_ERR_INVAL && _link == Link::down ? MOSQ_ERR_NO_CONN : rc;
+    const bool had_waiting = !_inbox.empty();
+    Ready ready = wait_for_socket(had_waiting ? time_for_handshake()
+                                              : std::chrono::milliseconds(timeout_ms));
+    while (ready.events != 0) {
+        const int rc = exchange(ready.events, max_packets);
+        if (rc != MOSQ_ERR_SUCCESS) {
+            return rc;
+        }
+        // While a result is under way, its acknowledgement may stand behind any number of requests.
+        // Otherwise the first message after a silence is handed out as it comes.
+        if (_inbox.empty() || _inbox.is_full() || (!had_waiting && all_acknowledged())) {
+            break;
+        }
+        ready = wait_for_socket(time_for_handshake());
+    }
+    if (!ready.interrupted) {
+        hand_out();
+    }
+    return MOSQ_ERR_SUCCESS;
 } catch (...) {
     log_caught("loop");
     return MOSQ_ERR_NOMEM;
@@ -159,25 +162,22 @@ int Client::publish(int* mid, const char* topic, int payloadlen, const void* pay
         return MOSQ_ERR_PAYLOAD_SIZE;
     }
     if (qos == 0) {
-        ++_unwritten;  // first, since the library may call on_publish() before it returns
-        const int rc = mosquittopp::publish(mid, topic, payloadlen, payload, qos, retain);
-        _unwritten -= rc == MOSQ_ERR_SUCCESS ? 0 : 1;
-        return rc;
-    }
-    if (_unacknowledged.empty()) {
-        expect_acknowledgement();
+        return mosquittopp::publish(mid, topic, payloadlen, payload, qos, retain);
     }
     const std::size_t size = static_cast<std::size_t>(payloadlen);
-    _unacknowledged.push_back(
-        {0, topic, std::string(static_cast<const char*>(payload), size), qos, retain});
-    const int rc = hand_over(_unacknowledged.back());
+    if (_outbox.was_dropped(topic, size)) {
+        return MOSQ_ERR_NOT_SUPPORTED;
+    }
+    Outbox::Publication& publication =
+        _outbox.add(topic, std::string(static_cast<const char*>(payload), size), qos, retain);
+    const int rc = hand_over(publication);
     if (mid != nullptr) {
-        *mid = _unacknowledged.back().mid;
+        *mid = publication.mid;
     }
     if (rc == MOSQ_ERR_NOMEM) {  // the library may have taken it all the same, see renew()
         give_up_connection();
     } else if (!is_taken(rc)) {
-        _unacknowledged.pop_back();
+        _outbox.remove_newest();
     }
     return rc;
 }
@@ -187,20 +187,18 @@ int Client::publish(int* mid, const char* topic, int payloadlen, const void* pay
 void Client::on_connect(int rc)
 try {
     if (rc != 0) {
-        tell_down("Broker " + _broker + " refused the connection. " + mosqpp::connack_string(rc));
+        _link = Link::down;
+        _link_log.down("Broker " + _broker + " refused the connection. " +
+                       mosqpp::connack_string(rc));
         return;
     }
     _link = Link::up;
-    _link_since = Clock::now();
-    _settled = false;
-    if (tell(log4cpp::Priority::INFO, connected_text())) {
-        _told_up = true;
-    }
+    _link_log.up("Connected to broker " + _broker);
     if (!_stopping && (_options.resubscribe_on_connect || !_subscribed_before)) {
         subscribe_all();
     }
     publish_again();
-    expect_acknowledgement();
+    _outbox.expect_acknowledgement();
 } catch (...) {
     log_caught("on_connect");
     give_up_connection();  // or it could stay without its subscription
@@ -208,76 +206,67 @@ try {
 
 void Client::on_disconnect(int rc)
 try {
-    settle_if_due();
-    if (_link == Link::up) {
-        tell_down("Lost the connection to broker " + _broker + ". " + reason(rc));
-    } else if (_link == Link::opening) {
-        tell_down("Broker " + _broker + " closed the connection without an answer. " + reason(rc));
+    const Link before = _link;
+    _link = Link::down;
+    _link_log.refresh();
+    const bool lived = _link_log.is_settled();
+    if (lived) {
+        _pace.reset();
+    }
+    if (before == Link::up) {
+        _link_log.down("Lost the connection to broker " + _broker + ". " + reason(rc));
+        drop_inbox("Lost the connection");
+        if (!_given_up) {
+            look_for_suspect(lived);
+        }
+    } else if (before == Link::opening) {
+        _link_log.down("Broker " + _broker + " closed the connection without an answer. " +
+                       reason(rc));
     }
 } catch (...) {
-    _link = Link::down;
     log_caught("on_disconnect");
 }
 
 void Client::on_publish(int mid)
 {
-    const auto acknowledged =
-        std::find_if(_unacknowledged.begin(), _unacknowledged.end(),
-                     [mid](const Publication& publication) { return publication.mid == mid; });
-    if (acknowledged != _unacknowledged.end()) {
-        const bool was_awaited = acknowledged == _unacknowledged.begin();
-        _unacknowledged.erase(acknowledged);
-        if (was_awaited) {
-            expect_acknowledgement();
-        }
-    } else if (_unwritten > 0) {
-        --_unwritten;
-    }
+    _outbox.acknowledge(mid);
     // A result is through, and nothing more is sent that would carry the ACK of its last packet.
     // Without the ACK a broker with Nagle's algorithm on keeps its next request to itself, for
-    // the 40 ms by which the kernel delays ACKs. The option does not last (tcp(7)).
-    set_option(IPPROTO_TCP, TCP_QUICKACK, 1);
+    // the 40 ms by which the kernel delays ACKs.
+    acknowledge_at_once(socket());
 }
 
 void Client::on_message(const mosquitto_message* msg)
-{
+try {
     if (_stopping) {
         log.error("Stopping, so the message on %s is not handled", msg->topic);
-        return;
+    } else if (_is_taking_in) {
+        _inbox.add(*msg);
+    } else {
+        deliver(msg);
     }
-    for (const Subscription& subscription : _subscriptions) {
-        dispatch(*subscription.handler, msg);
-    }
+} catch (...) {
+    log_caught("message handler");
+    give_up_connection();  // a request that is retained comes again on the next one
 }
 
 void Client::on_subscribe(int mid, int qos_count, const int* granted_qos)
 try {
     for (const Subscription& subscription : _subscriptions) {
-        if (subscription.mid == mid && qos_count > 0 && granted_qos[0] == suback_failure) {
-            tell(log4cpp::Priority::ERROR, "Broker " + _broker + " refused the subscription to " +
-                                               subscription.handler->topicFilter());
+        if (subscription.mid == mid && qos_count > 0) {
+            on_subscribed(*subscription.handler, granted_qos[0] != suback_failure);
         }
     }
 } catch (...) {
     log_caught("on_subscribe");
 }
 
-/// Waits until the next attempt is due. False if a signal came first.
-bool Client::wait_for_turn()
+void Client::on_subscribed(const Handler& handler, bool granted)
 {
-    const auto wait =
-        std::chrono::duration_cast<std::chrono::nanoseconds>(_last_attempt + _pause - Clock::now());
-    if (_pause.count() > 0 && wait.count() > 0) {
-        timespec time;
-        time.tv_sec = static_cast<time_t>(wait.count() / 1000000000);
-        time.tv_nsec = static_cast<long>(wait.count() % 1000000000);
-        if (nanosleep(&time, nullptr) != 0) {
-            return false;
-        }
+    if (!granted) {
+        _link_log.note("Broker " + _broker + " refused the subscription to " +
+                       handler.topicFilter());
     }
-    _last_attempt = Clock::now();
-    _pause = std::clamp(2 * _pause, shortest_pause, longest_pause);
-    return true;
 }
 
 /// Has the library forget the messages that it has not delivered, if there are any: it would resend
@@ -286,79 +275,17 @@ bool Client::wait_for_turn()
 /// lost.
 int Client::renew()
 {
-    if (_unacknowledged.empty()) {
+    if (_outbox.empty()) {
         return MOSQ_ERR_SUCCESS;
     }
     const int rc = reinitialise(_options.client_id, _options.clean_session);
     if (rc != MOSQ_ERR_SUCCESS) {
         return rc;
     }
-    for (Publication& publication : _unacknowledged) {
-        publication.mid = 0;
-    }
+    _outbox.begin_anew();
+    max_inflight_messages_set(static_cast<unsigned>(_options.max_inflight));
     on_renewed();
     return rc;
-}
-
-/// Begins to wait for the acknowledgement of the oldest message.
-void Client::expect_acknowledgement()
-{
-    _waiting_since = Clock::now();
-    _probe = 0;
-    _probes_answered = 0;
-}
-
-/// Asks the broker for a sign that it has handled what was sent, if it is silent for long.
-void Client::probe_if_due()
-{
-    if (_link == Link::up && !_unacknowledged.empty() &&
-        Clock::now() - _waiting_since >= probe_interval) {
-        _waiting_since = Clock::now();
-        unsubscribe(&_probe, probe_filter);  // if this fails, the next one is due in 30 s
-    }
-}
-
-void Client::on_unsubscribe(int mid)
-try {
-    if (mid == _probe && ++_probes_answered == probes_in_vain) {
-        give_up_connection();
-        tell(log4cpp::Priority::ERROR,
-             "Broker " + _broker + " does not acknowledge what was published");
-    }
-} catch (...) {
-    log_caught("on_unsubscribe");
-}
-
-void Client::set_socket_options()
-{
-    fcntl(socket(), F_SETFD, FD_CLOEXEC);     // a script's children must not hold the connection
-    set_option(IPPROTO_TCP, TCP_NODELAY, 1);  // or each small packet waits for the peer's next ACK
-    set_option(SOL_SOCKET, SO_KEEPALIVE, 1);
-    set_option(IPPROTO_TCP, TCP_KEEPIDLE, tcp_keepidle_s);
-    set_option(IPPROTO_TCP, TCP_KEEPINTVL, tcp_keepintvl_s);
-    set_option(IPPROTO_TCP, TCP_USER_TIMEOUT, tcp_user_timeout_ms);
-}
-
-/// On a Unix socket, options of TCP fail without harm.
-void Client::set_option(int level, int option, int value)
-{
-    setsockopt(socket(), level, option, &value, sizeof value);
-}
-
-/// The next loop reports a lost connection then.
-void Client::give_up_connection()
-{
-    shutdown(socket(), SHUT_RDWR);
-}
-
-/// Waits until there is something to read, or room for what is to be written. False if the time
-/// ran out or a signal came first.
-bool Client::wait_for_socket(int timeout_ms)
-{
-    pollfd ready = {};
-    ready.fd = socket();
-    ready.events = static_cast<short>(want_write() ? POLLIN | POLLOUT : POLLIN);
-    return poll(&ready, 1, timeout_ms) > 0;
 }
 
 void Client::subscribe_all()
@@ -370,35 +297,142 @@ void Client::subscribe_all()
             if (rc == MOSQ_ERR_NOMEM) {
                 give_up_connection();  // the next one may find the memory
             }
-            tell(log4cpp::Priority::ERROR,
-                 "Couldn't subscribe to " + filter + ". " + mosqpp::strerror(rc));
+            _link_log.note("Couldn't subscribe to " + filter + ". " + mosqpp::strerror(rc));
         }
     }
     _subscribed_before = true;
 }
 
-int Client::hand_over(Publication& publication)
+int Client::hand_over(Outbox::Publication& publication)
 {
     return mosquittopp::publish(&publication.mid, publication.topic.c_str(),
-                                static_cast<int>(publication.payload.size()),
-                                publication.payload.data(), publication.qos, publication.retain);
+                                static_cast<int>(publication.size), publication.payload.data(),
+                                publication.qos, publication.retain);
 }
 
 /// Once the broker has let the client in. One that finds no memory ends the connection: the library
 /// may have taken it all the same, see renew(), and no later message is to overtake it.
 void Client::publish_again()
 {
-    for (Publication& publication : _unacknowledged) {
-        if (publication.mid != 0) {
-            continue;
-        }
-        const int rc = hand_over(publication);
+    while (Outbox::Publication* publication = _outbox.next_to_hand_over()) {
+        const int rc = hand_over(*publication);
         if (!is_taken(rc)) {
             give_up_connection();
-            tell(log4cpp::Priority::ERROR,
-                 "Couldn't publish on " + publication.topic + " again. " + mosqpp::strerror(rc));
+            _link_log.note("Couldn't publish on " + publication->topic + " again. " +
+                           mosqpp::strerror(rc));
             return;
         }
+    }
+}
+
+/// What is due by the time alone.
+void Client::look_after_connection()
+{
+    if (_link_log.refresh()) {
+        _pace.reset();
+    }
+    if (_link == Link::opening && Clock::now() - _opened > connack_limit) {
+        give_up_connection();
+        _link = Link::down;
+        _link_log.down("Broker " + _broker + " did not answer the connection request");
+    }
+    if (_link == Link::up && !_outbox.empty() && _outbox.waited() > acknowledgement_limit &&
+        !want_write() && !has_unsent_bytes(socket())) {
+        give_up_connection();
+        _outbox.expect_acknowledgement();
+        _link_log.note("Broker " + _broker + " does not acknowledge what was published");
+    }
+}
+
+/// The next loop reports a lost connection then.
+void Client::give_up_connection()
+{
+    shutdown(socket(), SHUT_RDWR);
+    _given_up = true;
+}
+
+/// After a connection that has ended: whether a message was the cause. Some brokers end the
+/// connection at a message that is too large for them, or of a kind that they do not take, and
+/// would do so on each new connection.
+void Client::look_for_suspect(bool lived)
+{
+    const auto suspect = _outbox.connection_ended(lived);
+    if (!suspect || suspect->connections < 2) {
+        return;
+    }
+    if (!_outbox.has_acknowledgements() && !_told_what_is_missing) {
+        _told_what_is_missing = true;
+        log.error("Broker %s ends the connection at a %smessage of QoS %d", _broker.c_str(),
+                  suspect->retain ? "retained " : "", suspect->qos);
+    }
+    if (suspect->connections < connections_per_suspect) {
+        _pace.slow_down(std::chrono::seconds(1 << (suspect->connections - 1)));
+        return;
+    }
+    log.error("Broker %s ended %d connections in a row at the message on %s (%zu bytes). The "
+              "message is dropped",
+              _broker.c_str(), suspect->connections, suspect->topic.c_str(), suspect->size);
+    _outbox.drop(*suspect);
+}
+
+/// Waits until there is something to read, unless the inbox is full, or room for what is to be
+/// written, or the connection has ended.
+Client::Ready Client::wait_for_socket(Clock::duration time)
+{
+    const auto left = std::max(std::chrono::nanoseconds(time), 0ns);
+    timespec limit;
+    limit.tv_sec = static_cast<time_t>(left / 1s);
+    limit.tv_nsec = static_cast<long>((left % 1s).count());
+    pollfd descriptor = {};
+    descriptor.fd = socket();
+    descriptor.events =
+        static_cast<short>((_inbox.is_full() ? 0 : POLLIN) | (want_write() ? POLLOUT : 0));
+    const int count = ppoll(&descriptor, 1, &limit, nullptr);
+    return {count > 0 ? descriptor.revents : short{0}, count < 0};
+}
+
+/// Has the library read and write, as far as the socket is ready for it.
+int Client::exchange(short events, int max_packets)
+{
+    int rc = MOSQ_ERR_SUCCESS;
+    _is_taking_in = true;
+    // A TLS handshake goes on in loop_read() alone, also where it has to write.
+    if ((events & ~POLLOUT) != 0 || _link == Link::opening) {
+        rc = loop_read(max_packets);
+    }
+    if (rc == MOSQ_ERR_SUCCESS && (events & POLLOUT) != 0) {
+        rc = loop_write(max_packets);
+    }
+    _is_taking_in = false;
+    return rc == MOSQ_ERR_SUCCESS ? loop_misc() : rc;
+}
+
+/// How long the messages that wait are still to wait for the last result's acknowledgement.
+Client::Clock::duration Client::time_for_handshake() const
+{
+    const bool is_over = all_acknowledged() || _inbox.is_full();
+    return is_over ? Clock::duration::zero() : _handshake_until - Clock::now();
+}
+
+void Client::hand_out()
+{
+    if (_inbox.empty()) {
+        return;
+    }
+    const Inbox::Message message = _inbox.take();
+    const mosquitto_message record = message.record();
+    const auto begin = Clock::now();
+    deliver(&record);
+    const auto end = Clock::now();
+    _outbox.extend_wait(end - begin);
+    const auto share = std::min((end - begin) / handshake_share, longest_handshake);
+    _handshake_until = end + (share < shortest_handshake ? Clock::duration::zero() : share);
+}
+
+void Client::deliver(const mosquitto_message* msg)
+{
+    for (const Subscription& subscription : _subscriptions) {
+        dispatch(*subscription.handler, msg);
     }
 }
 
@@ -414,37 +448,23 @@ try {
     log_caught("message handler");
 }
 
-void Client::settle_if_due()
+void Client::drop_inbox(const char* why)
 {
-    if (_link != Link::up || _settled || Clock::now() - _link_since < settling_time) {
-        return;
-    }
-    _settled = true;
-    _pause = milliseconds(0);
-    _told.clear();
-    if (!_told_up) {
-        log.info("%s", connected_text().c_str());
-        _told_up = true;
+    while (!_inbox.empty()) {
+        const Inbox::Message message = _inbox.take();
+        log.error("%s, so the message on %s is not handled", why, message.topic().c_str());
     }
 }
 
 void Client::deliver_pending()
 {
     const auto deadline = Clock::now() + delivery_limit;
-    while (!all_acknowledged() && socket() != -1) {
-        const auto left = std::chrono::duration_cast<milliseconds>(deadline - Clock::now());
-        if (left.count() <= 0) {
-            break;
-        }
-        if (wait_for_socket(static_cast<int>(left.count()))) {
-            loop_write(1);
-            loop_read(1);
-            loop_misc();
-        }
+    while (!all_acknowledged() && socket() != -1 && Clock::now() < deadline) {
+        exchange(wait_for_socket(deadline - Clock::now()).events, 1);
     }
     if (!all_acknowledged()) {
-        log.error("%d messages were not acknowledged by the broker and may be lost",
-                  static_cast<int>(_unacknowledged.size()) + _unwritten);
+        log.error("%zu messages were not acknowledged by the broker and may be lost",
+                  _outbox.count());
     }
 }
 
@@ -458,29 +478,6 @@ void Client::log_caught(const char* where) noexcept
     } catch (...) {
         log.error("Exception in %s: not a standard exception", where);
     }
-}
-
-/// Logs a line, unless it was logged since a connection last settled. Returns whether it did.
-bool Client::tell(log4cpp::Priority::Value priority, const std::string& text)
-{
-    const bool is_news = _told.insert(text).second;
-    if (is_news) {
-        log.log(priority, text);
-    }
-    return is_news;
-}
-
-void Client::tell_down(const std::string& text)
-{
-    _link = Link::down;
-    if (tell(log4cpp::Priority::ERROR, text)) {
-        _told_up = false;
-    }
-}
-
-std::string Client::connected_text() const
-{
-    return "Connected to broker " + _broker;
 }
 
 }  // namespace mqlink

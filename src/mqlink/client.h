@@ -3,13 +3,15 @@
 #include <mosquittopp.h>
 
 #include <chrono>
-#include <deque>
 #include <log4cpp/Category.hh>
-#include <set>
 #include <string>
 #include <vector>
 
 #include "mqlink/handler.h"
+#include "mqlink/inbox.h"
+#include "mqlink/link_log.h"
+#include "mqlink/outbox.h"
+#include "mqlink/pace.h"
 
 namespace mqlink {
 
@@ -17,28 +19,36 @@ struct ClientSessionOptions {
     const char* client_id;        ///< MQTT client identifier; must stay valid for the client's life
     bool clean_session;           ///< MQTT clean-session flag of each connection
     bool resubscribe_on_connect;  ///< subscribe again on every connection, not on the first alone
+    int max_inflight = 1;         ///< messages of QoS 1 and 2 on their way at a time, 1 to 65535
 };
 
-/// The one broker connection and the handlers that its messages go to. Single-threaded: everything
-/// happens inside the calls of its owner, who drives it with start() and loop().
+/// Connects to one broker and hands its messages to handlers. Call order: registerHandler() for
+/// each handler, start(), then loop() again and again, with start() after each loop() that returned
+/// MOSQ_ERR_CONN_LOST or MOSQ_ERR_NO_CONN. Single-threaded.
 ///
-/// The client never sends MQTT pings, since a job may block it for any time; the kernel's TCP
-/// keepalive finds a broker that vanished, within 60 s. A change of the connection's state is
-/// logged once, under the category given at construction: while attempts fail in a row, or
-/// connections end within seconds, no line is repeated.
+/// loop() takes in what the broker has sent, then hands out one message, outside of the library's
+/// callbacks. So a handler's publish() writes at once, and the acknowledgements of one result are
+/// answered before the next message is handed out. Received messages wait in the inbox of their
+/// connection. When it ends, those that still wait are dropped, with a record each: the broker
+/// sends retained ones again on the next connection.
 ///
-/// A broker that does not acknowledge the oldest message, but answers other requests, is left for a
-/// new connection after a minute or so.
+/// Keeps a copy of each published message until the broker has acknowledged it to the end, and
+/// publishes it anew on the next connection: it arrives at least once, and twice if only the
+/// acknowledgement was lost. After five connections in a row that ended within seconds of the same
+/// oldest message, that message is dropped, with a record.
 ///
-/// What the broker has not acknowledged when a connection ends is published anew on the next one,
-/// in the same order: it arrives at least once, and twice if only the acknowledgement was lost.
+/// Sends no MQTT pings, since a job may block it indefinitely: TCP keepalive finds a broker that
+/// vanished, within 60 s.
 class Client : public mosqpp::mosquittopp {
 public:
-    /// `name` is that of the client's log category.
+    using Clock = std::chrono::steady_clock;
+
+    /// `name` is that of the client's log category. Has the process ignore SIGPIPE, as a write to
+    /// a connection that the broker has closed would otherwise end it.
     Client(const ClientSessionOptions& options, const char* name);
 
-    /// Calls no handler. Waits at most 2 s until the broker has acknowledged all that was published
-    /// (and logs how many messages it has not), then disconnects.
+    /// Calls no handler. Logs the messages that still wait, waits at most 2 s until the broker has
+    /// acknowledged all that was published (and logs how many messages it has not), disconnects.
     ~Client() override;
 
     // libmosquittopp would let a copy free the same connection twice.
@@ -52,83 +62,94 @@ public:
     /// Connects, or connects again; `host` and `port` go to libmosquitto unchanged, so a socket's
     /// path with port 0 is a Unix socket. Returns a mosq_err_t. Throws nothing.
     ///
-    /// Paces itself: the time from attempt to attempt grows from 10 ms to 1 s, and starts over
-    /// after a connection that lived for 5 s. A signal ends the wait; then nothing is attempted
-    /// and MOSQ_ERR_NO_CONN returned.
+    /// Waits before each attempt (exponential backoff, 10 ms to 1 s, reset after 5 s of
+    /// connection). If a signal ends the wait, attempts nothing and returns MOSQ_ERR_NO_CONN.
     int start(const char* host, int port);
 
-    /// mosquittopp's loop, with a wait of its own in front, which a signal ends. Gives up on a
-    /// broker that took the connection and has not answered the MQTT request for 30 s. Throws
-    /// nothing.
+    /// Waits at most `timeout_ms` for the broker, takes in what it has sent, and hands out one
+    /// message. Returns a mosq_err_t; a status that is not MOSQ_ERR_SUCCESS is the connection's,
+    /// and nothing is handed out then. Nothing is handed out either after a wait that a signal has
+    /// ended. Throws nothing.
+    ///
+    /// If messages wait, does not wait for more, but gives the last result some time to be
+    /// acknowledged: a twentieth of the time that its handlers took, at most a second.
+    ///
+    /// Hides mosquittopp's loop(), which also works: it hands messages out inside the library's
+    /// callback, where a publish() is only queued until the next loop.
     int loop(int timeout_ms, int max_packets);
 
     /// Whether there can be a message of this length, given MQTT's limit for a packet.
     static bool fitsPacket(const char* topic, int payloadlen);
 
-    /// mosquittopp's publish, which also keeps a copy until the broker has acknowledged the
-    /// message, and refuses what is too large for MQTT with MOSQ_ERR_PAYLOAD_SIZE. Without a
-    /// connection, when it breaks, or without memory it returns MOSQ_ERR_NO_CONN,
-    /// MOSQ_ERR_CONN_LOST, MOSQ_ERR_ERRNO or MOSQ_ERR_NOMEM, and sends the message later; but with
-    /// QoS 0 nothing is kept. Throws std::bad_alloc, having done nothing.
+    /// Hides mosquittopp's publish(), which keeps nothing for the next connection. With QoS 0 it is
+    /// that one. Otherwise keeps a copy until the broker has acknowledged the message. Refuses with
+    /// MOSQ_ERR_PAYLOAD_SIZE what is too large for MQTT, and with MOSQ_ERR_NOT_SUPPORTED a message
+    /// like one that was dropped. Without a connection, when it breaks, or without memory, returns
+    /// MOSQ_ERR_NO_CONN, MOSQ_ERR_CONN_LOST, MOSQ_ERR_ERRNO or MOSQ_ERR_NOMEM, and sends the
+    /// message later. Throws std::bad_alloc, having done nothing.
     virtual int publish(int* mid, const char* topic, int payloadlen, const void* payload, int qos,
                         bool retain);
 
 protected:
-    using Clock = std::chrono::steady_clock;
-
-    // A client of another kind may listen in here, and passes each event on to this class.
+    // Derived classes may override these and must call the base version.
     void on_connect(int rc) override;
     void on_disconnect(int rc) override;
     void on_publish(int mid) override;
     void on_message(const mosquitto_message* msg) override;
     void on_subscribe(int mid, int qos_count, const int* granted_qos) override;
-    void on_unsubscribe(int mid) override;
 
-    /// Whether the broker has acknowledged everything that was published.
-    bool all_acknowledged() const { return _unacknowledged.empty() && _unwritten == 0; }
+    /// Called when the broker has answered the subscription of `handler`; logs a refusal.
+    virtual void on_subscribed(const Handler& handler, bool granted);
 
-    /// Called before a connection attempt for which the library's handle was made anew: whatever a
-    /// derived class has set on it besides the identifier is to be set again.
+    /// Called after the libmosquitto handle was recreated, before connecting. Override it to set
+    /// credentials or TLS again.
     virtual void on_renewed() {}
 
-    /// The wait of the destructor. A derived class that listens in until the end calls it in its
-    /// own destructor; once it has been called, it does nothing.
+    /// Whether the broker has acknowledged everything that was published.
+    bool all_acknowledged() const { return _outbox.empty(); }
+    /// Whether no received message waits for its handlers.
+    bool all_handed_out() const { return _inbox.empty(); }
+    /// Forgets the received messages that wait, without a record.
+    void discard_inbox() { _inbox = Inbox(); }
+
+    /// The wait of the destructor. A derived class whose overrides are to be called until the end
+    /// calls it in its own destructor. The second call does nothing.
     void stop();
 
 private:
     enum class Link { down, opening, up };
+
+    /// What a wait for the socket has brought.
+    struct Ready {
+        short events;  ///< of poll(2); 0 if the time ran out or a signal came
+        bool interrupted;
+    };
 
     struct Subscription {
         Handler* handler;
         int mid;  ///< of the last SUBSCRIBE packet
     };
 
-    struct Publication {
-        int mid;  ///< the library's packet identifier; 0 while the library does not have it
-        std::string topic;
-        std::string payload;
-        int qos;
-        bool retain;
-    };
-
-    bool wait_for_turn();
+    // Connecting
     int renew();
-    void expect_acknowledgement();
-    void probe_if_due();
-    void set_socket_options();
-    void set_option(int level, int option, int value);
-    void give_up_connection();
-    bool wait_for_socket(int timeout_ms);
     void subscribe_all();
-    int hand_over(Publication& publication);
+    int hand_over(Outbox::Publication& publication);
     void publish_again();
+    void look_after_connection();
+    void give_up_connection();
+    void look_for_suspect(bool lived);
+
+    // One round of the loop
+    Ready wait_for_socket(Clock::duration time);
+    int exchange(short events, int max_packets);
+    Clock::duration time_for_handshake() const;
+    void hand_out();
+
+    void deliver(const mosquitto_message* msg);
     void dispatch(Handler& handler, const mosquitto_message* msg);
-    void settle_if_due();
+    void drop_inbox(const char* why);
     void deliver_pending();
     void log_caught(const char* where) noexcept;
-    bool tell(log4cpp::Priority::Value priority, const std::string& text);
-    void tell_down(const std::string& text);
-    std::string connected_text() const;
 
     log4cpp::Category& log;
     ClientSessionOptions _options;
@@ -136,21 +157,17 @@ private:
     std::string _broker;  ///< the broker as the log names it
 
     Link _link = Link::down;
-    Clock::time_point _link_since;  ///< when it was last opened, or came up
+    Clock::time_point _opened;  ///< when the socket was last connected
+    bool _given_up = false;     ///< the present connection, by this client
     bool _subscribed_before = false;
-    bool _settled = false;  ///< the connection has lived long enough to count as good
+    Pace _pace;
+    LinkLog _link_log;
 
-    Clock::time_point _last_attempt;
-    std::chrono::milliseconds _pause{0};  ///< least time from _last_attempt to the next one
-
-    std::set<std::string> _told;  ///< lines logged since a connection last settled
-    bool _told_up = false;        ///< the last such line about the link says that it is up
-
-    std::deque<Publication> _unacknowledged;  ///< those with QoS 1 and 2, in their order
-    int _unwritten = 0;                       ///< number of those with QoS 0 that are not sent yet
-    Clock::time_point _waiting_since{};       ///< for an acknowledgement, or since the last probe
-    int _probe = 0;            ///< packet identifier of the last UNSUBSCRIBE; 0: none
-    int _probes_answered = 0;  ///< since the last acknowledgement
+    Inbox _inbox;
+    bool _is_taking_in = false;          ///< what comes now goes to the inbox
+    Clock::time_point _handshake_until;  ///< the last result's time for its acknowledgement
+    Outbox _outbox;
+    bool _told_what_is_missing = false;
     bool _stopping = false;
 };
 
