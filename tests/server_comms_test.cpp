@@ -63,6 +63,7 @@ protected:
             }
             return status;
         };
+        fake_mosquitto.loop_read = fake_mosquitto.loop;
     }
 
     TempDir dir;
@@ -135,6 +136,31 @@ TEST_F(ServerCommsTest, TheBrokerSettingsAreReadAndLogged)
                       std::string(c.record),
                   capture.records()[1]);
         EXPECT_EQ(c.call, fake_mosquitto.calls[1]);
+    }
+}
+
+TEST_F(ServerCommsTest, OneMessageIsInFlightUnlessTheConfigurationSaysOtherwise)
+{
+    const struct {
+        const char* configuration;
+        unsigned max_inflight;
+    } cases[] = {
+        {"", 1},
+        {"server_comms.max_inflight=1\n", 1},
+        {"server_comms.max_inflight=20\n", 20},
+        {"server_comms.max_inflight=0\n", 1},
+        {"server_comms.max_inflight=21\n", 1},
+        {"server_comms.max_inflight=-5\n", 1},
+        {"server_comms.max_inflight=two\n", 1},
+        {"server_comms.max_inflight=\n", 1},
+    };
+    for (const auto& c : cases) {
+        SCOPED_TRACE(c.configuration);
+        build_with_staging_dir(c.configuration);
+        program_running = 1;
+        play({0});
+        comms->start();
+        EXPECT_EQ(c.max_inflight, fake_mosquitto.max_inflight);
     }
 }
 
@@ -300,11 +326,14 @@ TEST_F(ServerCommsTest, OnlyALostOrMissingConnectionIsStartedAgain)
         play({status, 0});
         comms->start();
         Calls expected = {"mosquittopp command_service clean", "connect a_host 1884 keepalive 0",
-                          "loop 1000 1"};
-        if (starts_again) {
+                          "loop_read 1"};
+        if (status == MOSQ_ERR_SUCCESS) {
+            expected.push_back("loop_misc");
+        } else if (starts_again) {
             expected.push_back("connect a_host 1884 keepalive 0");
         }
-        expected.push_back("loop 1000 1");
+        expected.push_back("loop_read 1");
+        expected.push_back("loop_misc");
         EXPECT_EQ(expected, fake_mosquitto.calls);
     }
 }

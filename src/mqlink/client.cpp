@@ -61,7 +61,6 @@ Client::Client(const ClientSessionOptions& options, const char* name)
       _link_log(log)
 {
     signal(SIGPIPE, SIG_IGN);  // libmosquitto does it up to 2.0.14
-    max_inflight_messages_set(static_cast<unsigned>(_options.max_inflight));
 }
 
 Client::~Client()
@@ -100,6 +99,7 @@ try {
     _broker = port == 0 ? host : host + (":" + std::to_string(port));
     int rc = renew();
     if (rc == MOSQ_ERR_SUCCESS) {
+        max_inflight_messages_set(static_cast<unsigned>(_options.max_inflight));
         rc = connect(host, port, mqtt_keepalive);
     }
     if (rc != MOSQ_ERR_SUCCESS) {
@@ -121,19 +121,21 @@ int Client::loop(int timeout_ms, int max_packets)
 try {
     look_after_connection();
     if (socket() == -1) {
-        return loop_misc();
+        const int rc = mosquittopp::loop(timeout_ms, max_packets);
+        // Its complaint about descriptors that select(2) cannot take comes even without a socket.
+        return rc == MOSQ_ERR_INVAL ? MOSQ_ERR_NO_CONN : rc;
     }
-    const bool had_waiting = !_inbox.empty();
-    Ready ready = wait_for_socket(had_waiting ? time_for_handshake()
-                                              : std::chrono::milliseconds(timeout_ms));
+    // While a result is under way, its acknowledgement may stand behind any number of requests.
+    // Otherwise the first message after a silence is handed out as it comes.
+    const bool takes_everything = !_inbox.empty() || !all_acknowledged();
+    Ready ready = wait_for_socket(_inbox.empty() ? std::chrono::milliseconds(timeout_ms)
+                                                 : time_for_handshake());
     while (ready.events != 0) {
         const int rc = exchange(ready.events, max_packets);
         if (rc != MOSQ_ERR_SUCCESS) {
             return rc;
         }
-        // While a result is under way, its acknowledgement may stand behind any number of requests.
-        // Otherwise the first message after a silence is handed out as it comes.
-        if (_inbox.empty() || _inbox.is_full() || (!had_waiting && all_acknowledged())) {
+        if (_inbox.empty() || _inbox.is_full() || !takes_everything) {
             break;
         }
         ready = wait_for_socket(time_for_handshake());
@@ -283,7 +285,6 @@ int Client::renew()
         return rc;
     }
     _outbox.begin_anew();
-    max_inflight_messages_set(static_cast<unsigned>(_options.max_inflight));
     on_renewed();
     return rc;
 }
@@ -460,7 +461,9 @@ void Client::deliver_pending()
 {
     const auto deadline = Clock::now() + delivery_limit;
     while (!all_acknowledged() && socket() != -1 && Clock::now() < deadline) {
-        exchange(wait_for_socket(deadline - Clock::now()).events, 1);
+        if (const short events = wait_for_socket(deadline - Clock::now()).events) {
+            exchange(events, 1);
+        }
     }
     if (!all_acknowledged()) {
         log.error("%zu messages were not acknowledged by the broker and may be lost",

@@ -66,6 +66,12 @@ bool mosquittopp::want_write()
     return fake_mosquitto.wants_write;
 }
 
+int mosquittopp::max_inflight_messages_set(unsigned int max_inflight_messages)
+{
+    fake_mosquitto.max_inflight = max_inflight_messages;
+    return MOSQ_ERR_SUCCESS;
+}
+
 int mosquittopp::connect(const char* host, int port, int keepalive)
 {
     record(std::string("connect ") + host + " " + std::to_string(port) + " keepalive " +
@@ -76,6 +82,7 @@ int mosquittopp::connect(const char* host, int port, int keepalive)
 int mosquittopp::reinitialise(const char* id, bool clean_session)
 {
     record(std::string("reinitialise ") + id + (clean_session ? " clean" : " kept"));
+    fake_mosquitto.max_inflight = 20;  // as the library does
     return fake_mosquitto.reinitialise();
 }
 
@@ -90,13 +97,6 @@ int mosquittopp::subscribe(int* mid, const char* sub, int qos)
     record(std::string("subscribe ") + sub + " qos " + std::to_string(qos));
     store_next_mid(mid);
     return fake_mosquitto.subscribe();
-}
-
-int mosquittopp::unsubscribe(int* mid, const char* sub)
-{
-    record(std::string("unsubscribe ") + sub);
-    store_next_mid(mid);
-    return MOSQ_ERR_SUCCESS;
 }
 
 int mosquittopp::publish(int* mid, const char* topic, int payloadlen, const void* payload, int qos,

@@ -21,7 +21,7 @@ struct FakeMosquitto {
 
     /// One text per call, in order, such as "connect localhost 1883 keepalive 0", "loop 1000 1",
     /// "subscribe in/cmd/+ qos 1", "publish out/cmd/7", "reinitialise an_id clean", "disconnect".
-    /// Not recorded: socket() and want_write().
+    /// Not recorded: socket(), want_write() and max_inflight_messages_set().
     std::vector<std::string> calls;
     std::vector<Publication> publications;
     std::vector<std::string> client_ids;  ///< read again when a client is destroyed
@@ -29,6 +29,7 @@ struct FakeMosquitto {
     mosqpp::mosquittopp* client = nullptr;  ///< the one built last
     int socket = -1;
     bool wants_write = false;
+    unsigned max_inflight = 20;
     int next_mid = 1;  ///< what the next publish() or subscribe() stores, when asked to
 
     Hook connect = success;

@@ -7,6 +7,7 @@
 #include <unistd.h>
 
 #include <stdexcept>
+#include <utility>
 
 namespace {
 
@@ -49,9 +50,15 @@ void LoopbackConnection::send_from_peer(const std::string& bytes)
     pollfd readable = {};
     readable.fd = _near;
     readable.events = POLLIN;
-    const timespec deadline = {20, 0};
-    // Not poll(), which a VirtualClock replaces.
-    require(ppoll(&readable, 1, &deadline, nullptr) - 1, "receive");
+    // Not ppoll(), which a VirtualClock replaces.
+    require(poll(&readable, 1, 20000) - 1, "receive");
+}
+
+void LoopbackConnection::reset_from_peer()
+{
+    const linger at_once = {1, 0};
+    require(setsockopt(_far, SOL_SOCKET, SO_LINGER, &at_once, sizeof at_once), "setsockopt");
+    close(std::exchange(_far, -1));
 }
 
 bool LoopbackConnection::is_open() const

@@ -14,6 +14,8 @@ public:
     int socket() const { return _near; }
     /// Returns once the client's end is readable.
     void send_from_peer(const std::string& bytes);
+    /// Ends the connection with TCP's RST.
+    void reset_from_peer();
     /// Whether the client's end can still send.
     bool is_open() const;
 

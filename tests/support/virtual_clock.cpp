@@ -36,8 +36,8 @@ steady_clock::time_point __real__ZNSt6chrono3_V212steady_clock3nowEv();
 steady_clock::time_point __wrap__ZNSt6chrono3_V212steady_clock3nowEv();
 int __real_nanosleep(const timespec* time, timespec* left);
 int __wrap_nanosleep(const timespec* time, timespec* left);
-int __real_poll(pollfd* descriptors, nfds_t count, int timeout_ms);
-int __wrap_poll(pollfd* descriptors, nfds_t count, int timeout_ms);
+int __real_ppoll(pollfd* descriptors, nfds_t count, const timespec* limit, const sigset_t* mask);
+int __wrap_ppoll(pollfd* descriptors, nfds_t count, const timespec* limit, const sigset_t* mask);
 
 steady_clock::time_point __wrap__ZNSt6chrono3_V212steady_clock3nowEv()
 {
@@ -58,21 +58,23 @@ int __wrap_nanosleep(const timespec* time, timespec* left)
     return 0;
 }
 
-int __wrap_poll(pollfd* descriptors, nfds_t count, int timeout_ms)
+int __wrap_ppoll(pollfd* descriptors, nfds_t count, const timespec* limit, const sigset_t* mask)
 {
     if (!active) {
-        return __real_poll(descriptors, count, timeout_ms);
+        return __real_ppoll(descriptors, count, limit, mask);
     }
-    if (timeout_ms < 0) {
-        throw std::logic_error("poll would wait for ever");
+    if (limit == nullptr) {
+        throw std::logic_error("ppoll would wait for ever");
     }
     if (VirtualClockAccess::interrupted()) {
         errno = EINTR;
         return -1;
     }
-    const int ready = __real_poll(descriptors, count, 0);
+    const timespec at_once = {};
+    const int ready = __real_ppoll(descriptors, count, &at_once, mask);
     if (ready == 0) {
-        active->advance(std::chrono::milliseconds(timeout_ms));
+        active->advance(std::chrono::seconds(limit->tv_sec) +
+                        std::chrono::nanoseconds(limit->tv_nsec));
     }
     return ready;
 }

@@ -5,7 +5,7 @@
 #include <vector>
 
 /// While it lives, the steady clock stands still and only moves with advance(), nanosleep() and
-/// poll(), which return at once. A binary that uses this links with --wrap for the three; without
+/// ppoll(), which return at once. A binary that uses this links with --wrap for the three; without
 /// such an object they are the real ones.
 class VirtualClock {
 public:
@@ -22,7 +22,7 @@ public:
     /// What each nanosleep() was asked to wait, since the last call of this function.
     std::vector<Duration> take_sleeps();
 
-    /// The next nanosleep() or poll() waits `time` and is then cut short by a signal.
+    /// The next nanosleep() or ppoll() waits `time` and is then cut short by a signal.
     void interrupt_next_wait_after(Duration time);
 
 private:
