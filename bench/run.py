@@ -11,7 +11,8 @@ import other_build
 import report
 import rig
 
-CASES = ["round_trip", "throughput", "instructions", "growth", "resources", "alternatives"]
+CASES = ["round_trip", "throughput", "burst", "instructions", "system_calls", "growth", "resources",
+         "alternatives"]
 RESULTS = pathlib.Path(__file__).resolve().parent / "results"
 
 
