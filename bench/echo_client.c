@@ -1,6 +1,7 @@
 /* The limit that the service is measured against: answers each message on TOPIC/ID with the same
- * bytes on REPLY/ID, with the service's qualities of service and its loop, and nothing more: no
- * Lua, no MessagePack, no log.
+ * bytes on REPLY/ID, with the service's qualities of service, and nothing more: no Lua, no
+ * MessagePack, no log. It runs the library's own loop, since a user would write it so, even where
+ * the service calls the library's steps itself.
  * Usage: echo_client HOST PORT TOPIC REPLY     PORT 0: HOST is the path of a Unix socket. */
 #define _GNU_SOURCE
 #include <mosquitto.h>

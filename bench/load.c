@@ -2,6 +2,7 @@
  * QoS 1, another one subscribes with QoS 2. Prints one JSON object:
  *   seconds       from the first request to the last answer
  *   latencies     of each request, from publishing it to its answer, in microseconds
+ *   arrivals      of the answers as they came, from the first request on, in microseconds
  *   answer_bytes  size of the last answer
  * Usage: load HOST PORT TOPIC REPLY PAYLOAD COUNT WINDOW
  *   HOST PORT    the broker; with port 0, HOST is the path of a Unix socket
@@ -26,7 +27,7 @@ static const char* reply;
 static char* payload;
 static int payload_size;
 static long count, window, sent, answered;
-static double *sent_at, *latencies;
+static double *sent_at, *latencies, *arrivals;
 static long* request_in_slot; /* requests with the same topic follow one another */
 static int answer_bytes;
 static bool subscribed;
@@ -75,9 +76,10 @@ static void on_message(struct mosquitto* client, void* unused, const struct mosq
     }
     const long slot = atol(msg->topic + strlen(reply) + 1);
     const long request = request_in_slot[slot];
-    latencies[request] = 1e6 * (now() - sent_at[request]);
+    const double arrival = now();
+    latencies[request] = 1e6 * (arrival - sent_at[request]);
+    arrivals[answered++] = 1e6 * (arrival - sent_at[0]);
     answer_bytes = msg->payloadlen;
-    answered++;
     if (sent < count) {
         send_request(slot);
     }
@@ -131,13 +133,21 @@ static void read_payload(const char* path)
     fclose(file);
 }
 
+static void print_list(const char* name, const double* values)
+{
+    printf(", \"%s\": [", name);
+    for (long i = 0; i < count; i++) {
+        printf("%s%.2f", i == 0 ? "" : ", ", values[i]);
+    }
+    printf("]");
+}
+
 static void print_outcome(double seconds)
 {
-    printf("{\"seconds\": %.6f, \"answer_bytes\": %d, \"latencies\": [", seconds, answer_bytes);
-    for (long i = 0; i < count; i++) {
-        printf("%s%.2f", i == 0 ? "" : ", ", latencies[i]);
-    }
-    puts("]}");
+    printf("{\"seconds\": %.6f, \"answer_bytes\": %d", seconds, answer_bytes);
+    print_list("latencies", latencies);
+    print_list("arrivals", arrivals);
+    puts("}");
 }
 
 int main(int argc, char** argv)
@@ -152,6 +162,7 @@ int main(int argc, char** argv)
     window = atol(argv[7]);
     sent_at = calloc((size_t)count, sizeof *sent_at);
     latencies = calloc((size_t)count, sizeof *latencies);
+    arrivals = calloc((size_t)count, sizeof *arrivals);
     request_in_slot = calloc((size_t)window, sizeof *request_in_slot);
 
     mosquitto_lib_init();

@@ -22,6 +22,7 @@ PACKAGES = ["mosquitto", "libmosquitto1", "liblua5.2-0", "liblog4cpp5v5", "libms
             "libc6", "g++"]
 PLAIN = FuncFormatter(lambda value, _: f"{value:,g}")  # 1,000, not 10³
 FIGURES = "figures.json"
+ECHO = "echo"  # the echo client, as what a figure stands beside
 COLORS = ["#1f5fa8", "#c4541a", "#3a8a4d", "#7a4b9a", "#8a6d1f", "#555555"]
 
 
@@ -29,22 +30,24 @@ class Figure(NamedTuple):
     case: str
     name: str
     unit: str
+    beside: str               # what the service was compared with: ECHO, a commit, or nothing
     service: float            # a median where it was measured more than once
-    echo: Optional[float]     # the echo client's
-    ratio: Optional[float]    # the median of the pairs' ratios, service / echo client
+    partner: Optional[float]  # the same of what it was compared with
+    ratio: Optional[float]    # the median of the pairs' ratios, service / partner
     low: Optional[float]      # the least and the greatest of what the goal is about: the ratios,
-    high: Optional[float]     # or without an echo client, the service's values
+    high: Optional[float]     # or without a partner, the service's values
     goal: str                 # "at most 1.3", or nothing
     met: Optional[bool]
 
     def cells(self):
         spread = "" if self.low is None else f"{number(self.low)} to {number(self.high)}"
         goal = self.goal and f"{self.goal}{'' if self.met else ': missed'}"
-        return [self.name, self.unit, number(self.service), number(self.echo),
+        return [self.name, self.unit, number(self.service), number(self.partner),
                 number(self.ratio), spread, goal]
 
 
-HEADS = ["", "unit", "service", "echo", "ratio", "spread", "goal"]
+def heads_of(ours, partner):
+    return ["", "unit", ours, partner, "ratio", "spread", "goal"]
 
 
 def number(value):
@@ -67,7 +70,8 @@ def any_files(directory):
 class Report:
     """Collects what the cases find, and writes it to `directory`."""
 
-    def __init__(self, directory, quick):
+    def __init__(self, directory, quick, other=None):
+        """`other` is the rig.Build that the service is compared with besides the echo client."""
         self.directory = pathlib.Path(directory)
         if any_files(self.directory) and not (self.directory / FIGURES).exists():
             raise NotResults(f"{directory} has other files than results; they would be lost")
@@ -77,6 +81,8 @@ class Report:
         self.case = ""
         self.figures = []
         self.tables = []
+        self.notes = []
+        self.other = other
         self._quick = quick
         self._begin = time.monotonic()
 
@@ -96,17 +102,24 @@ class Report:
     def compare(self, name, unit, services, echoes, at_most=None, at_least=None):
         """A figure of the service and of the echo client, measured in pairs. The goal is about
         the ratio."""
-        ratios = [service / echo for service, echo in zip(services, echoes, strict=True)]
-        self._add(name, unit, statistics.median(services), statistics.median(echoes),
-                  ratios, statistics.median(ratios), at_most, at_least)
+        self._compare(ECHO, name, unit, services, echoes, at_most, at_least)
+
+    def against(self, name, unit, services, others, at_most=None, at_least=None):
+        """The same of the service and of the other build."""
+        self._compare(self.other.name, name, unit, services, others, at_most, at_least)
 
     def figure(self, name, unit, values, at_most=None, at_least=None):
         """A figure of the service alone; `values` is one number or a list of them."""
         values = values if isinstance(values, list) else [values]
-        self._add(name, unit, statistics.median(values), None, values, None, at_most, at_least)
+        self._add(name, unit, "", statistics.median(values), None, values, None, at_most, at_least)
 
-    def _add(self, name, unit, service, echo, spread, ratio, at_most, at_least):
-        value = float(f"{service if ratio is None else ratio:.3g}")  # as it is printed
+    def _compare(self, beside, name, unit, services, partners, at_most, at_least):
+        ratios = [service / partner for service, partner in zip(services, partners, strict=True)]
+        self._add(name, unit, beside, statistics.median(services), statistics.median(partners),
+                  ratios, statistics.median(ratios), at_most, at_least)
+
+    def _add(self, name, unit, beside, service, partner, spread, ratio, at_most, at_least):
+        value = float(number(service if ratio is None else ratio).replace(",", ""))  # as printed
         goal, met = "", None
         if at_most is not None:
             goal, met = f"at most {number(at_most)}", value <= at_most
@@ -114,7 +127,11 @@ class Report:
             goal, met = f"at least {number(at_least)}", value >= at_least
         low, high = (min(spread), max(spread)) if len(spread) > 1 else (None, None)
         self.figures.append(
-            Figure(self.case, name, unit, service, echo, ratio, low, high, goal, met))
+            Figure(self.case, name, unit, beside, service, partner, ratio, low, high, goal, met))
+
+    def note(self, text):
+        """A sentence under the case's tables, for what could not be measured."""
+        self.notes.append((self.case, text))
 
     def table(self, name, heads, rows):
         """A table of its own: printed, and kept as NAME.csv. Cells are texts or numbers."""
@@ -153,13 +170,13 @@ class Report:
 
     def finish(self):
         """Writes report.md and figures.json, and returns the report's text."""
-        parts = [machine(self._quick)]
-        for case in dict.fromkeys([f.case for f in self.figures] + [t[0] for t in self.tables]):
+        parts = [machine(self._quick, self.other)]
+        found = [*self.figures, *self.tables, *self.notes]
+        for case in dict.fromkeys(entry[0] for entry in found):
             parts.append(f"## {case}")
-            cells = [figure.cells() for figure in self.figures if figure.case == case]
-            if cells:
-                parts.append(markdown(HEADS, cells))
+            parts += self._figures_of(case)
             parts += [markdown(heads, rows) for owner, heads, rows in self.tables if owner == case]
+            parts += [text for owner, text in self.notes if owner == case]
         text = "\n\n".join(parts) + "\n"
         (self.directory / "report.md").write_text(text, encoding="utf-8")
         (self.directory / FIGURES).write_text(
@@ -167,12 +184,24 @@ class Report:
             encoding="utf-8")
         return text
 
+    def _figures_of(self, case):
+        """A table of the service alone and beside the echo client, one beside the other build."""
+        ours = [figure for figure in self.figures if figure.case == case]
+        plain = [figure.cells() for figure in ours if figure.beside in ("", ECHO)]
+        builds = [figure.cells() for figure in ours if figure.beside not in ("", ECHO)]
+        tables = [markdown(heads_of("service", ECHO), plain)] if plain else []
+        if builds:
+            tables.append(markdown(heads_of("this build", self.other.name), builds))
+        return tables
+
 
 def markdown(heads, rows):
-    """A table that reads well as it stands, too. All columns but the first are right-aligned,
-    unless they hold words."""
+    """A table that reads well as it stands, too. Columns are right-aligned, unless they hold words;
+    a first column, unless it holds anything but numbers."""
     widths = [max(len(str(row[i])) for row in [heads, *rows]) for i in range(len(heads))]
     numeric = [all(str(row[i])[:1] in "-0123456789" for row in rows) for i in range(len(heads))]
+    numeric[0] = numeric[0] and not any(" " in str(row[0]) for row in rows)
+
     def line(cells):
         return "| " + " | ".join(
             str(cell).rjust(width) if is_number else str(cell).ljust(width)
@@ -183,7 +212,7 @@ def markdown(heads, rows):
     return "\n".join([line(heads), rule, *map(line, rows)])
 
 
-def machine(quick):
+def machine(quick, other):
     """What the figures were measured on."""
     cpu = next((line.split(":")[1].strip()
                 for line in pathlib.Path("/proc/cpuinfo").read_text().splitlines()
@@ -199,4 +228,5 @@ def machine(quick):
         f"- Machine: {cpu}, {os.cpu_count()} cores, {memory:.1f} GiB, Linux {platform.release()}",
         f"- Load of the machine at the end (1 minute): {os.getloadavg()[0]:.1f}",
         f"- Versions: {', '.join(filter(None, versions))}",
-        f"- Command: scripts/bench{' --quick' if quick else ''}"])
+        f"- Command: scripts/bench{' --quick' if quick else ''}"
+        + (f" --against {other.name}" if other else "")])

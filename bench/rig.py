@@ -172,18 +172,31 @@ def free_port():
         return probe.getsockname()[1]
 
 
+class Build(NamedTuple):
+    """A build of the service."""
+
+    name: str
+    program: pathlib.Path
+
+
+THIS_BUILD = Build("this build", SERVICE)
+
+
 class Service(Process):
     """The service with its own folder: scripts/ (with ping.lua), staging/, log.
 
     `search_dirs` are the script directories in place of scripts/; `priority` is the log's, which
-    goes to a file.
+    goes to a file. `settings` are more keys of the configuration. `program` is the build.
+
+    All builds have the same client id, so no two of them can share a broker.
     """
 
     topic, reply = "in/cmd", "out/cmd"
 
-    def __init__(self, directory, broker, priority="ERROR", search_dirs=None, wrapper=()):
+    def __init__(self, directory, broker, priority="ERROR", search_dirs=None, wrapper=(),
+                 settings=None, program=SERVICE):
         directory = pathlib.Path(directory)
-        command = set_up_service(directory, broker, priority, search_dirs)
+        command = set_up_service(directory, broker, priority, search_dirs, settings, program)
         self.scripts = directory / "scripts"
         self.broker = broker
         before = len(broker.lines(" in/cmd/+"))
@@ -191,7 +204,8 @@ class Service(Process):
         broker.wait_for_subscription(self, "in/cmd/+", before)
 
 
-def set_up_service(directory, broker, priority="ERROR", search_dirs=None):
+def set_up_service(directory, broker, priority="ERROR", search_dirs=None, settings=None,
+                   program=SERVICE):
     """Writes what the service needs into `directory`, and returns the command that starts it."""
     scripts, staging = directory / "scripts", directory / "staging"
     scripts.mkdir(parents=True, exist_ok=True)
@@ -202,8 +216,9 @@ def set_up_service(directory, broker, priority="ERROR", search_dirs=None):
         f"server_comms.port={broker.port}\n"
         f"script.search_dirs={':'.join(map(str, search_dirs or [scripts]))}\n"
         f"script.staging_dir={staging}\n"
+        + "".join(f"{key}={value}\n" for key, value in (settings or {}).items())
         + LOG_LINES.format(priority=priority, path=directory / "log"))
-    return [SERVICE, directory / "properties"]
+    return [program, directory / "properties"]
 
 
 class Echo(Process):
@@ -224,6 +239,7 @@ class Outcome(NamedTuple):
 
     seconds: float     # from the first request to the last answer
     latencies: list    # of each request, in microseconds, sorted
+    arrivals: list     # of the answers as they came, in microseconds after the first request
     answer_bytes: int  # size of the last answer
     processor: float   # microseconds of processor time a job
     system: float      # the kernel's part of them, coarse
@@ -255,8 +271,18 @@ def load(target, payload, count, window=1):
     used = 1e6 * (target.processor_seconds() - processor) / count
     user, system = (after - before for after, before in zip(processor_ticks(target.pid), ticks))
     outcome = json.loads(run.stdout)
-    return Outcome(outcome["seconds"], sorted(outcome["latencies"]), outcome["answer_bytes"],
-                   used, used * system / max(1, user + system))
+    return Outcome(outcome["seconds"], sorted(outcome["latencies"]), outcome["arrivals"],
+                   outcome["answer_bytes"], used, used * system / max(1, user + system))
+
+
+def jobs(target, payload, answer_bytes, count, window=1):
+    """Like load(), but sees to it that the answers are right, and leaves none at the broker: they
+    would come to the next subscriber ahead of the answers that count."""
+    outcome = load(target, payload, count, window)
+    load(target, b"", window, window)
+    if outcome.answer_bytes != answer_bytes:
+        raise Failure(f"an answer of {outcome.answer_bytes} bytes instead of {answer_bytes}")
+    return outcome
 
 
 def processor_ticks(pid):

@@ -7,19 +7,22 @@ import signal
 import sys
 import tempfile
 
+import other_build
 import report
 import rig
 
-CASES = ["round_trip", "throughput", "instructions", "growth", "resources", "alternatives"]
+CASES = ["round_trip", "throughput", "burst", "instructions", "system_calls", "growth", "resources",
+         "alternatives"]
 RESULTS = pathlib.Path(__file__).resolve().parent / "results"
 
 
 class Bench(report.Report):
     """What a case gets: the report, and a folder of its own for what it starts."""
 
-    def __init__(self, directory, quick, scratch):
-        super().__init__(directory, quick)
+    def __init__(self, directory, quick, other, scratch):
+        super().__init__(directory, quick, other)
         self.quick = quick
+        self.builds = [rig.THIS_BUILD, other] if other else [rig.THIS_BUILD]
         self._scratch = pathlib.Path(scratch)
 
     def pick(self, full, quick):
@@ -39,11 +42,17 @@ def main():
     parser.add_argument("--output", default=RESULTS, metavar="DIR",
                         help="where the data and plots go, in place of earlier ones "
                              "(default: bench/results)")
+    parser.add_argument("--against", metavar="COMMIT",
+                        help="build this commit, too, and compare the two builds pair by pair")
     options = parser.parse_args()
+    try:
+        other = other_build.build(options.against) if options.against else None
+    except rig.Failure as failure:
+        parser.error(str(failure))
 
     with tempfile.TemporaryDirectory(prefix="pex-bench-") as scratch:
         try:
-            bench = Bench(options.output, options.quick, scratch)
+            bench = Bench(options.output, options.quick, other, scratch)
         except report.NotResults as error:
             parser.error(str(error))
         try:

@@ -14,12 +14,13 @@ import re
 import callgrind
 import report
 from matplotlib import pyplot
-from rig import SERVICE, Broker, Service, load, request
+from rig import SERVICE, THIS_BUILD, Broker, Service, load, request
 
 TITLE = "Where the time goes"
 
 PRIORITIES = ["ERROR", "INFO", "DEBUG"]
 WARM_UP, JOBS = 50, 300
+GOALS = {"ERROR": 275_000}
 
 NETWORK = "MQTT library: loop, receive, publish"
 REQUEST = "decoding the request (MessagePack)"
@@ -54,7 +55,12 @@ def run(bench):
         totals.append([profile.total / JOBS for profile in profiles])
 
     for priority, total in zip(PRIORITIES, totals):
-        bench.figure(f"A job with the log at {priority}, without the kernel", "instructions", total)
+        bench.figure(name_of(priority), "instructions", total, at_most=GOALS.get(priority))
+    if bench.other:
+        bench.progress(f"log at {PRIORITIES[0]}, {bench.other.name}")
+        theirs = [profile_of(bench.folder(), PRIORITIES[0], bench.other).total / JOBS
+                  for _ in range(repeats)]
+        bench.against(name_of(PRIORITIES[0]), "instructions", totals[0], theirs)
     rows = [[name, *(column[name] or "none" for column in columns)] for name in CAUSES]
     rows.append(["sum", *(sum(column.values()) for column in columns)])
     bench.table("instructions", ["instructions of a job, without the kernel's",
@@ -62,18 +68,22 @@ def run(bench):
     draw(bench, columns)
 
 
-def profile_of(folder, priority):
+def name_of(priority):
+    return f"A job with the log at {priority}, without the kernel"
+
+
+def profile_of(folder, priority, build=THIS_BUILD):
     """The profile of JOBS jobs, after the first ones."""
-    short, long = (run_jobs(folder / str(count), priority, count)
+    short, long = (run_jobs(folder / str(count), priority, count, build)
                    for count in (WARM_UP, WARM_UP + JOBS))
     return long.minus(short)
 
 
-def run_jobs(folder, priority, count):
+def run_jobs(folder, priority, count, build):
     path = folder / "profile"
     with Broker(folder / "broker") as broker, \
-            Service(folder / "service", broker, priority,
-                    wrapper=callgrind.wrapper(path)) as service:
+            Service(folder / "service", broker, priority, wrapper=callgrind.wrapper(path),
+                    program=build.program) as service:
         load(service, request(args={"name": "dock 7"}), count)
     return callgrind.read(path)
 

@@ -31,9 +31,11 @@ CONNACK, CONNECT, SUBSCRIBE = b"\x20\x02\x00\x00", 0x10, 0x82
 
 def run(bench):
     memory(bench)
+    if bench.other:
+        memory_of_builds(bench)
     growth(bench)
     start(bench)
-    bench.figure("Size of the program, stripped", "bytes", stripped_size(bench.folder()))
+    size(bench)
     idle(bench)
 
 
@@ -103,6 +105,23 @@ def compare_memory(bench, label, name, pairs, goal=None):
                  [service - echo for service, echo in zip(services, echoes)], at_most=goal)
 
 
+def memory_of_builds(bench):
+    """RSS of both builds, in turns. The PSS of one would depend on the other's libraries."""
+    rounds = bench.pick(5, 2)
+    idle, after = [[], []], [[], []]
+    for number in range(rounds):
+        bench.progress(f"memory of both builds, round {number + 1} of {rounds}")
+        for build, before_jobs, after_jobs in zip(bench.builds, idle, after, strict=True):
+            folder = bench.folder()
+            with Broker(folder / "broker") as broker, \
+                    Service(folder / "service", broker, program=build.program) as service:
+                before_jobs.append(service.memory().rss / MB)
+                load(service, request(), WARM_UP)
+                after_jobs.append(service.memory().rss / MB)
+    bench.against("Idle: RSS", "MB", *idle)
+    bench.against(f"After {WARM_UP:,} jobs: RSS", "MB", *after)
+
+
 def by_file(service, echo):
     """Rows of a table: what is mapped, and the kB of it."""
     (service_rss, service_pss), (echo_rss, echo_pss) = mapped(service), mapped(echo)
@@ -149,18 +168,22 @@ def start(bench):
     """From the system call that starts the program to the arrival of its subscription at a broker
     that does nothing else."""
     rounds = bench.pick(30, 5)
-    services, echoes = [], []
     with Listener() as broker:
-        service = set_up_service(bench.folder(), broker)
-        echo = [ECHO_CLIENT, broker.host, broker.port, Echo.topic, Echo.reply]
-        for command in (service, echo):
+        commands = [[ECHO_CLIENT, broker.host, broker.port, Echo.topic, Echo.reply],
+                    *(set_up_service(bench.folder(), broker, program=build.program)
+                      for build in bench.builds)]
+        for command in commands:
             time_to_subscribe(broker, command)  # brings the files into memory
+        sides = [[] for _ in commands]
         for number in range(rounds):
             bench.progress(f"start, round {number + 1} of {rounds}")
-            services.append(time_to_subscribe(broker, service))
-            echoes.append(time_to_subscribe(broker, echo))
+            for command, side in zip(commands, sides, strict=True):
+                side.append(time_to_subscribe(broker, command))
+    echoes, services, *others = sides
     bench.compare("From exec to subscribed", "ms", services, echoes)
     bench.figure("From exec to subscribed, the service alone", "ms", services, at_most=4)
+    for theirs in others:
+        bench.against("From exec to subscribed", "ms", services, theirs)
 
 
 class Listener:
@@ -216,9 +239,17 @@ def finish(pid):
     wait_until(lambda: os.waitpid(pid, os.WNOHANG)[0] == pid, "the program to end")
 
 
-def stripped_size(folder):
-    subprocess.run(["strip", "-o", folder / SERVICE.name, SERVICE], check=True)
-    return (folder / SERVICE.name).stat().st_size
+def size(bench):
+    name = "Size of the program, stripped"
+    ours, *others = [stripped_size(bench.folder(), build.program) for build in bench.builds]
+    bench.figure(name, "bytes", ours)
+    for theirs in others:
+        bench.against(name, "bytes", [ours], [theirs])
+
+
+def stripped_size(folder, program):
+    subprocess.run(["strip", "-o", folder / program.name, program], check=True)
+    return (folder / program.name).stat().st_size
 
 
 def idle(bench):
