@@ -277,13 +277,14 @@ void Client::on_subscribed(const Handler& handler, bool granted)
 /// lost.
 int Client::renew()
 {
-    if (_outbox.empty()) {
+    if (_outbox.empty() && !_library_holds_dropped) {
         return MOSQ_ERR_SUCCESS;
     }
     const int rc = reinitialise(_options.client_id, _options.clean_session);
     if (rc != MOSQ_ERR_SUCCESS) {
         return rc;
     }
+    _library_holds_dropped = false;
     _outbox.begin_anew();
     on_renewed();
     return rc;
@@ -374,6 +375,7 @@ void Client::look_for_suspect(bool lived)
               "message is dropped",
               _broker.c_str(), suspect->connections, suspect->topic.c_str(), suspect->size);
     _outbox.drop(*suspect);
+    _library_holds_dropped = true;
 }
 
 /// Waits until there is something to read, unless the inbox is full, or room for what is to be

@@ -1630,6 +1630,17 @@ TEST_F(ClientSuspectTest, AMessageAtWhichFiveConnectionsEndedIsDroppedAndTheOthe
     EXPECT_EQ(1, fake_mosquitto.count("publish out/cmd/2"));
 }
 
+/// It was sent on and on by the library, which still had it.
+TEST_F(ClientSuspectTest, TheLibraryForgetsADroppedMessageToo)
+{
+    publish("out/cmd/1");
+    end_connections();
+    EXPECT_EQ((Calls{"reinitialise an_id clean", "connect localhost 1883 keepalive 0"}),
+              fake_mosquitto.calls);
+    end_connection();
+    EXPECT_EQ(Calls{"connect localhost 1883 keepalive 0"}, fake_mosquitto.calls);
+}
+
 TEST_F(ClientSuspectTest, ThePauseBetweenSuchConnectionsGrowsTo8S)
 {
     publish("out/cmd/1");
