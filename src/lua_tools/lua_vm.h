@@ -44,7 +44,8 @@ public:
     /// Logs the error value on top of the stack and leaves it there.
     void logLuaError();
     /// Sets the global `args`. Throws std::runtime_error for arguments that are nested too deeply
-    /// for Lua's stack; the stack then keeps a part of them and the state is fit only for close().
+    /// for Lua's stack, std::bad_alloc without memory and msgpack::type_error for an object of no
+    /// known type. The stack may then keep a part of them, and the state is fit only for close().
     void loadArgs(const msgpack::v2::object& args);
     /// Appends the last returned value to `answer`, by Lua's string conversion, which may turn a
     /// number on the stack into a string. Values that are neither strings nor numbers add nothing.

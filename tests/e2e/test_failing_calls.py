@@ -55,7 +55,6 @@ NO_MEMORY = [
     failure("Dock command service error. Command script failure, please consult pex-command logs."),
     *(failure(f'Cannot run job. Script not found "{name}.lua"')
       for name in ["echo", "large", "error", "no_text", "syntax", "show"]),
-    failure("args are nested too deeply"),  # Lua's stack cannot grow
 ]
 # Where libmosquitto cannot copy its identifier, it goes on without one and the broker makes one up.
 SUBSCRIBED = re.compile("Sending SUBACK to (?:command_service|auto-)")
