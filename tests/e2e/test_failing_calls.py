@@ -61,6 +61,9 @@ SUBSCRIBED = re.compile("Sending SUBACK to (?:command_service|auto-)")
 MADE_UP = "as auto-"
 PANIC = re.compile(r"PANIC: unprotected error in call to Lua API \(.*\)\n")
 
+# The one step that may end the daemon.
+LOADING = "loading args onto Lua stack"
+
 
 class Faults:
     """The page that the daemon's library shares with the test; the library has the layout."""
@@ -150,6 +153,7 @@ class Harmed:
         if self.status is not None:
             assert self.status == -signal.SIGABRT and PANIC.fullmatch(self.stderr), self.story()
             assert not self.results, self.story()
+            assert self.log == "" or self.last_step() == LOADING, self.story()
             return "abort"
         if self.results:
             assert len(set(self.results)) == 1, self.story()  # twice only after a reconnect
@@ -162,6 +166,11 @@ class Harmed:
         assert sent, self.story()
         acknowledged = f"Received PUBACK from command_service (Mid: {sent[1]}, "
         return "given up, " + ("" if acknowledged in self.broker_log else "not ") + "acknowledged"
+
+    def last_step(self):
+        """What the harmed job's script category logged last, or None."""
+        records = self.log.partition("server comms service starting")[0]
+        return (re.findall("\x1fscript\x1f(.*)\x1e", records) or [None])[-1]
 
     def story(self):
         return (f"results {self.results}, {self.connections} new connections, "
@@ -361,6 +370,10 @@ KINDS = {
     "withdrawal": (b"", b""),
 }
 
+# More than a Lua state has at first, so that loading them may end the daemon.
+LARGE_ARGUMENTS = {"wide arguments", "long text"}
+
+
 def tell(capsys, **figures):
     with capsys.disabled():
         print("\n" + ", ".join(f"{key}: {value}" for key, value in figures.items()), end="")
@@ -380,6 +393,7 @@ def harm_every(rig, kind, *fault, also=(), **options):
         if harmed is None:
             return outcomes
         outcomes[harmed.outcome(right, also)] += 1
+        assert outcomes["abort"] == 0 or kind in LARGE_ARGUMENTS, harmed.story()
 
 
 @pytest.mark.parametrize("memory", ["fails once", "is full from there on"])
@@ -421,6 +435,7 @@ def test_every_allocation_while_the_connection_is_lost_and_made_again(
         if harmed is None:
             break
         outcomes[harmed.outcome(right, NO_MEMORY)] += 1
+        assert outcomes["abort"] == 0, harmed.story()
         made_up += harmed.broker_log.count(MADE_UP)
     assert outcomes["right"] > 0
     tell(capsys, job="success, connection lost", memory=f"fails {['once', 'twice'][times - 1]}",
