@@ -223,13 +223,15 @@ JobResult LuaVM::executeScript(const char* abs_path, const msgpack::object& args
     }
     loadArgs(args);  // chunk
 
-    // What the script cannot take is there for its failure.
+    log.debugStream() << "lua_pcall: " << abs_path;
+    // What the script cannot take is there for its failure. Right before the call, since any
+    // `operator new` in between could use it up.
     if (!hold_memory_reserve()) {
+        close();  // frees memory for the record
         log.error("No memory is left for the script");
         return JobResult(false,
                          "Dock command service error. Failed to allocate resources for job.");
     }
-    log.debugStream() << "lua_pcall: " << abs_path;
     lua_gc(_L, LUA_GCRESTART, 0);
     if (lua_pcall(_L, 0, LUA_MULTRET, 0) != LUA_OK) {  // results, or error
         logLuaError();

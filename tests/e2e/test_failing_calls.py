@@ -54,7 +54,7 @@ NO_MEMORY = [
     failure("Dock command service error. Failed to load command script."),
     failure("Dock command service error. Command script failure, please consult pex-command logs."),
     *(failure(f'Cannot run job. Script not found "{name}.lua"')
-      for name in ["echo", "large", "error", "no_text", "syntax", "show"]),
+      for name in ["echo", "large", "error", "no_text", "syntax", "show", "hoard"]),
 ]
 # Where libmosquitto cannot copy its identifier, it goes on without one and the broker makes one up.
 SUBSCRIBED = re.compile("Sending SUBACK to (?:command_service|auto-)")
@@ -303,6 +303,7 @@ def make_rig(broker, server, new_service, scripts, tmp_path):
                          "error(table.concat(t))")
     scripts.add("no_text", "error({})")
     scripts.add("syntax", "return return")
+    scripts.add("hoard", "local t = {} for i = 1, args do t[i] = ('x'):rep(200) end return #t")
     scripts.add("show", SHOW)
     return make
 
@@ -367,6 +368,7 @@ KINDS = {
     "wide arguments": (request("show", WIDE), WIDE_SHOWN),
     # More than the daemon has in reserve.
     "long text": (request("echo", "x" * 200000), b"x" * 200000),
+    "many small blocks": (request("hoard", 500), b"500"),
     "withdrawal": (b"", b""),
 }
 
