@@ -7,6 +7,8 @@
 
 namespace pex {
 
+/// A block that cannot shrink stays as it is, since Lua takes it for granted that it can: an error
+/// at that moment would be raised outside of any protected call.
 void* LuaPool::allocate(void* pool, void* block, std::size_t old_size, std::size_t new_size)
 {
     LuaPool& self = *static_cast<LuaPool*>(pool);
@@ -18,13 +20,14 @@ void* LuaPool::allocate(void* pool, void* block, std::size_t old_size, std::size
             std::free(block);
             return nullptr;
         }
-        return std::realloc(block, new_size);
+        void* const resized = std::realloc(block, new_size);
+        return resized == nullptr && new_size <= old_size ? block : resized;
     }
     if (new_size == 0) {
         self.give_back(block, old_size);
         return nullptr;
     }
-    if (new_size <= old_size) {  // must not fail
+    if (new_size <= old_size) {
         return block;
     }
     void* const grown = self.take(new_size);

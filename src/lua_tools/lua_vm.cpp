@@ -2,7 +2,9 @@
 
 #include <cstdint>
 #include <cstring>
+#include <new>
 #include <sstream>
+#include <string_view>
 
 #include "lua_tools/pack_to_lua_converter.h"
 #include "memory_reserve.h"
@@ -67,19 +69,91 @@ std::string pack(const msgpack::object& args)
     return stream.str();
 }
 
+/// Calls `function` with the pointer `input`, protected. Returns whether it succeeded: then its
+/// `results` are on the stack, otherwise Lua's error value is.
+bool call_protected(lua_State* L, lua_CFunction function, const void* input, int results)
+{
+    lua_pushcfunction(L, function);                      // function
+    lua_pushlightuserdata(L, const_cast<void*>(input));  // function input
+    return lua_pcall(L, 1, results, 0) == LUA_OK;        // results, or error
+}
+
+/// Calls a step of the set-up, protected. Throws std::bad_alloc if it fails, for which a lack of
+/// memory is the only cause. Leaves the stack as it was.
+void set_up(lua_State* L, lua_CFunction step, const void* input)
+{
+    if (!call_protected(L, step, input, 0)) {  // error
+        lua_pop(L, 1);                         //
+        throw std::bad_alloc();
+    }
+}
+
+// The functions that are called protected. An error of Lua leaves them by longjmp, so they hold no
+// object that has a destructor.
+
+int open_libraries(lua_State* L)
+{
+    // Globals with room for the libraries' names, or the table grows seven times.
+    lua_createtable(L, 0, 64);                            // input globals
+    lua_rawseti(L, LUA_REGISTRYINDEX, LUA_RIDX_GLOBALS);  // input
+    luaL_openlibs(L);
+    return 0;
+}
+
+int set_pexenv(lua_State* L)
+{
+    const char* staging_dir = static_cast<const char*>(lua_touserdata(L, 1));
+    lua_createtable(L, 0, 0);            // dir pexenv
+    lua_pushstring(L, staging_dir);      // dir pexenv dir
+    lua_setfield(L, -2, "staging_dir");  // dir pexenv
+    lua_setglobal(L, "pexenv");          // dir
+    return 0;
+}
+
 /// Appends ";" + dir + `pattern` per directory to the string field `name` of the table on top of
 /// the stack. Leaves the stack as it was.
 void append_templates(lua_State* L, const char* name, const std::vector<std::string>& dirs,
                       const char* pattern)
 {
     lua_getfield(L, -1, name);  // package path
-    std::string templates = lua_tostring(L, -1);
     for (const std::string& dir : dirs) {
-        templates += ";" + dir + pattern;
+        lua_pushstring(L, ";");          // package path ;
+        lua_pushstring(L, dir.c_str());  // package path ; dir
+        lua_pushstring(L, pattern);      // package path ; dir pattern
+        lua_concat(L, 4);                // package path
     }
-    lua_pop(L, 1);                         // package
-    lua_pushstring(L, templates.c_str());  // package path
-    lua_setfield(L, -2, name);             // package
+    lua_setfield(L, -2, name);  // package
+}
+
+int append_search_dirs(lua_State* L)
+{
+    const auto* dirs = static_cast<const std::vector<std::string>*>(lua_touserdata(L, 1));
+    lua_getglobal(L, "package");  // dirs package
+    append_templates(L, "path", *dirs, "?.lua");
+    append_templates(L, "cpath", *dirs, "?.so");
+    return 0;
+}
+
+int load_script(lua_State* L)
+{
+    const char* path = static_cast<const char*>(lua_touserdata(L, 1));
+    if (luaL_loadfilex(L, path, nullptr) != LUA_OK) {  // path chunk, or path error
+        return lua_error(L);
+    }
+    return 1;
+}
+
+/// The text of a string, or of a number as Lua writes it; with null data for any other value. A
+/// number's text is in `buffer`: lua_tolstring() would make it a Lua string, which needs memory.
+std::string_view text_of(lua_State* L, int index, char (&buffer)[LUAI_MAXNUMBER2STR])
+{
+    if (lua_type(L, index) == LUA_TNUMBER) {
+        const int size = lua_number2str(buffer, lua_tonumber(L, index));
+        return {buffer, static_cast<std::size_t>(size)};
+    }
+    std::size_t size = 0;
+    const char* text = lua_tolstring(L, index, &size);
+    return {text, size};
 }
 
 }  // namespace
@@ -100,17 +174,16 @@ LuaVM::~LuaVM()
 bool LuaVM::open()
 {
     _L = luaL_newstate();
-    if (_L == nullptr) {
-        log.error("Failed to create a new Lua instance.");
-        return false;
+    if (_L != nullptr) {
+        lua_setallocf(_L, &LuaPool::allocate, &_pool);
+        lua_gc(_L, LUA_GCSTOP, 0);  // until the script runs, nothing is garbage
+        if (call_protected(_L, open_libraries, nullptr, 0)) {
+            return true;
+        }
+        close();
     }
-    lua_setallocf(_L, &LuaPool::allocate, &_pool);
-    lua_gc(_L, LUA_GCSTOP, 0);  // until the script runs, nothing is garbage
-    // Globals with room for the libraries' names, or the table grows seven times.
-    lua_createtable(_L, 0, 64);                            // globals
-    lua_rawseti(_L, LUA_REGISTRYINDEX, LUA_RIDX_GLOBALS);  //
-    luaL_openlibs(_L);
-    return true;
+    log.error("Failed to create a new Lua instance.");
+    return false;
 }
 
 void LuaVM::close()
@@ -121,29 +194,44 @@ void LuaVM::close()
     }
 }
 
-JobResult LuaVM::executeScript(const char* abs_path, const msgpack::object& args)
+bool LuaVM::prepare()
 {
     if (_L == nullptr && !open()) {
+        return false;
+    }
+    try {
+        addPexEnv();
+        addSearchDirs();
+        return true;
+    } catch (const std::bad_alloc&) {
+        close();
+        log.error("Failed to create a new Lua instance.");
+        return false;
+    }
+}
+
+JobResult LuaVM::executeScript(const char* abs_path, const msgpack::object& args)
+{
+    if (!prepare()) {
         return JobResult(false,
                          "Dock command service error. Failed to allocate resources for job.");
     }
-    addPexEnv();
-    addSearchDirs();
-
     log.debugStream() << "luaL_loadfile: " << abs_path;
-    if (luaL_loadfilex(_L, abs_path, nullptr) != LUA_OK) {  // chunk, or error
+    if (!call_protected(_L, load_script, abs_path, 1)) {  // chunk, or error
         logLuaError();
         return JobResult(false, "Dock command service error. Failed to load command script.");
     }
     loadArgs(args);  // chunk
 
-    // What the script cannot take is there for its failure.
+    log.debugStream() << "lua_pcall: " << abs_path;
+    // What the script cannot take is there for its failure. Right before the call, since any
+    // `operator new` in between could use it up.
     if (!hold_memory_reserve()) {
+        close();  // frees memory for the record
         log.error("No memory is left for the script");
         return JobResult(false,
                          "Dock command service error. Failed to allocate resources for job.");
     }
-    log.debugStream() << "lua_pcall: " << abs_path;
     lua_gc(_L, LUA_GCRESTART, 0);
     if (lua_pcall(_L, 0, LUA_MULTRET, 0) != LUA_OK) {  // results, or error
         logLuaError();
@@ -158,18 +246,12 @@ JobResult LuaVM::executeScript(const char* abs_path, const msgpack::object& args
 
 void LuaVM::addPexEnv()
 {
-    lua_createtable(_L, 0, 0);            // pexenv
-    lua_pushstring(_L, _staging_dir);     // pexenv dir
-    lua_setfield(_L, -2, "staging_dir");  // pexenv
-    lua_setglobal(_L, "pexenv");          //
+    set_up(_L, set_pexenv, _staging_dir);
 }
 
 void LuaVM::addSearchDirs()
 {
-    lua_getglobal(_L, "package");  // package
-    append_templates(_L, "path", _search_dirs, "?.lua");
-    append_templates(_L, "cpath", _search_dirs, "?.so");
-    lua_pop(_L, 1);  //
+    set_up(_L, append_search_dirs, &_search_dirs);
 }
 
 void LuaVM::logLuaError()
@@ -179,13 +261,12 @@ void LuaVM::logLuaError()
     if (num_errs == 0) {
         return;
     }
-    lua_pushvalue(_L, -1);  // error copy; lua_tostring turns a number into a string in place
-    if (const char* text = lua_tostring(_L, -1)) {
-        log.errorStream() << "failure: " << text;
+    char number[LUAI_MAXNUMBER2STR];
+    if (const char* text = text_of(_L, -1, number).data()) {
+        log.errorStream() << "failure: " << text;  // up to its first zero byte
     } else {
         log.error("Unknown failure");
     }
-    lua_pop(_L, 1);  // error
 }
 
 void LuaVM::loadArgs(const msgpack::v2::object& args)
@@ -206,15 +287,10 @@ void LuaVM::unloadAnswer(std::vector<unsigned char>& answer)
     if (num_returns < 1) {
         return;
     }
-    // Type first: lua_tolstring turns a number into a string in place, and the log must say
-    // "number".
-    const int type = lua_type(_L, -1);
-    std::size_t answer_len = 0;
-    const char* bytes = lua_tolstring(_L, -1, &answer_len);
-    log.debugStream() << "answer type: " << lua_typename(_L, type) << " length: " << answer_len;
-    if (answer_len > 0) {
-        answer.insert(answer.end(), bytes, bytes + answer_len);
-    }
+    char number[LUAI_MAXNUMBER2STR];
+    const std::string_view text = text_of(_L, -1, number);
+    log.debugStream() << "answer type: " << luaL_typename(_L, -1) << " length: " << text.size();
+    answer.insert(answer.end(), text.begin(), text.end());
 }
 
 }  // namespace pex

@@ -1,6 +1,7 @@
 #include "lua_tools/pack_to_lua_converter.h"
 
 #include <limits>
+#include <new>
 #include <stdexcept>
 
 namespace pex {
@@ -167,9 +168,14 @@ void PackToLuaConverter::insufficient_bytes(std::size_t parsed_offset, std::size
 
 void PackToLuaConverter::reserve_slot()
 {
-    if (lua_checkstack(_L, 1) == 0) {
+    if (lua_checkstack(_L, 1) != 0) {
+        return;
+    }
+    // Lua keeps a few slots below its limit to itself, fewer than LUA_MINSTACK.
+    if (lua_gettop(_L) > LUAI_MAXSTACK - LUA_MINSTACK) {
         throw std::runtime_error("args are nested too deeply");
     }
+    throw std::bad_alloc();
 }
 
 }  // namespace pex

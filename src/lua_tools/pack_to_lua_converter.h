@@ -14,7 +14,8 @@ namespace pex {
 /// stack until it ends. A key that is nil or NaN raises a Lua error, unprotected: the converter
 /// does not screen keys.
 ///
-/// Operations that push throw std::runtime_error when the Lua stack cannot grow any further.
+/// Operations that push throw before they push if the Lua stack cannot grow: std::runtime_error at
+/// Lua's limit (LUAI_MAXSTACK), std::bad_alloc without memory.
 /// All that return a bool return true, so the parser is never asked to stop.
 class PackToLuaConverter {
 public:
@@ -49,7 +50,7 @@ public:
     void insufficient_bytes(std::size_t parsed_offset, std::size_t error_offset);
 
 private:
-    /// Makes room for one more value.
+    /// Makes room for one more value, or throws.
     void reserve_slot();
 
     log4cpp::Category& log;

@@ -54,13 +54,15 @@ NO_MEMORY = [
     failure("Dock command service error. Failed to load command script."),
     failure("Dock command service error. Command script failure, please consult pex-command logs."),
     *(failure(f'Cannot run job. Script not found "{name}.lua"')
-      for name in ["echo", "large", "error", "no_text", "syntax", "show"]),
-    failure("args are nested too deeply"),  # Lua's stack cannot grow
+      for name in ["echo", "large", "error", "no_text", "syntax", "show", "hoard"]),
 ]
 # Where libmosquitto cannot copy its identifier, it goes on without one and the broker makes one up.
 SUBSCRIBED = re.compile("Sending SUBACK to (?:command_service|auto-)")
 MADE_UP = "as auto-"
 PANIC = re.compile(r"PANIC: unprotected error in call to Lua API \(.*\)\n")
+
+# The one step that may end the daemon.
+LOADING = "loading args onto Lua stack"
 
 
 class Faults:
@@ -151,6 +153,7 @@ class Harmed:
         if self.status is not None:
             assert self.status == -signal.SIGABRT and PANIC.fullmatch(self.stderr), self.story()
             assert not self.results, self.story()
+            assert self.log == "" or self.last_step() == LOADING, self.story()
             return "abort"
         if self.results:
             assert len(set(self.results)) == 1, self.story()  # twice only after a reconnect
@@ -163,6 +166,11 @@ class Harmed:
         assert sent, self.story()
         acknowledged = f"Received PUBACK from command_service (Mid: {sent[1]}, "
         return "given up, " + ("" if acknowledged in self.broker_log else "not ") + "acknowledged"
+
+    def last_step(self):
+        """What the harmed job's script category logged last, or None."""
+        records = self.log.partition("server comms service starting")[0]
+        return (re.findall("\x1fscript\x1f(.*)\x1e", records) or [None])[-1]
 
     def story(self):
         return (f"results {self.results}, {self.connections} new connections, "
@@ -295,6 +303,7 @@ def make_rig(broker, server, new_service, scripts, tmp_path):
                          "error(table.concat(t))")
     scripts.add("no_text", "error({})")
     scripts.add("syntax", "return return")
+    scripts.add("hoard", "local t = {} for i = 1, args do t[i] = ('x'):rep(200) end return #t")
     scripts.add("show", SHOW)
     return make
 
@@ -359,8 +368,13 @@ KINDS = {
     "wide arguments": (request("show", WIDE), WIDE_SHOWN),
     # More than the daemon has in reserve.
     "long text": (request("echo", "x" * 200000), b"x" * 200000),
+    "many small blocks": (request("hoard", 500), b"500"),
     "withdrawal": (b"", b""),
 }
+
+# More than a Lua state has at first, so that loading them may end the daemon.
+LARGE_ARGUMENTS = {"wide arguments", "long text"}
+
 
 def tell(capsys, **figures):
     with capsys.disabled():
@@ -381,6 +395,7 @@ def harm_every(rig, kind, *fault, also=(), **options):
         if harmed is None:
             return outcomes
         outcomes[harmed.outcome(right, also)] += 1
+        assert outcomes["abort"] == 0 or kind in LARGE_ARGUMENTS, harmed.story()
 
 
 @pytest.mark.parametrize("memory", ["fails once", "is full from there on"])
@@ -422,6 +437,7 @@ def test_every_allocation_while_the_connection_is_lost_and_made_again(
         if harmed is None:
             break
         outcomes[harmed.outcome(right, NO_MEMORY)] += 1
+        assert outcomes["abort"] == 0, harmed.story()
         made_up += harmed.broker_log.count(MADE_UP)
     assert outcomes["right"] > 0
     tell(capsys, job="success, connection lost", memory=f"fails {['once', 'twice'][times - 1]}",

@@ -117,6 +117,19 @@ TEST_F(LuaPoolTest, ABlockThatCannotGrowIsLeftAlone)
     free(block, 3);
 }
 
+TEST_F(LuaPoolTest, ALargeBlockThatMallocCannotShrinkStaysWhereItIs)
+{
+    char* block = make(60000);
+    std::memcpy(block, "abc", 3);
+    {
+        const failing_calls::Malloc no_memory;
+        EXPECT_EQ(nullptr, resize(block, 60000, 60001));
+        ASSERT_EQ(block, resize(block, 60000, 600));
+    }
+    EXPECT_EQ("abc", std::string(block, 3));
+    free(block, 600);
+}
+
 /// Blocks of random sizes, each filled with a byte of its own.
 TEST_F(LuaPoolTest, BlocksNeverOverlapAndAreAligned)
 {

@@ -126,6 +126,68 @@ TEST_F(LuaVMTest, OpenReportsWhetherThereIsAState)
     EXPECT_TRUE(vm.open());
 }
 
+TEST_F(LuaVMTest, WithoutMemoryForTheLibrariesTheStateIsClosedAgain)
+{
+    LuaVM vm({}, "/var/staging");
+    {
+        const failing_calls::Malloc failing;
+        EXPECT_FALSE(vm.open());
+        EXPECT_EQ(Records{"ERROR script: Failed to create a new Lua instance."}, capture.records());
+        capture.clear();
+        expect_failure(vm.executeScript("/none.lua", msgpack::object()), no_state);
+        EXPECT_EQ(Records{"ERROR script: Failed to create a new Lua instance."}, capture.records());
+    }
+    const std::string path = dir.write("libraries.lua", "return type(string) .. type(_G)");
+    JobResult result = vm.executeScript(path.c_str(), msgpack::object());
+    EXPECT_EQ("tabletable", text_of(result.getAnswer()));
+}
+
+/// An array of texts that takes more than the memory that a state has at first.
+msgpack::object_handle many_texts()
+{
+    std::vector<std::string> texts;
+    for (int i = 0; i < 2000; ++i) {
+        texts.push_back("text " + std::to_string(i));
+    }
+    msgpack::sbuffer packed;
+    msgpack::pack(packed, texts);
+    return msgpack::unpack(packed.data(), packed.size());
+}
+
+TEST_F(LuaVMTest, WithoutMemoryForTheSetUpTheJobFails)
+{
+    const std::string path = dir.write("short.lua", "return package.path .. pexenv.staging_dir");
+    const EnvironmentVariable lua_path("LUA_PATH_5_2", "/lua/?.lua");
+    LuaVM vm({"/d1/", "/d2/"}, "/var/staging");
+    ASSERT_TRUE(vm.open());
+    vm.loadArgs(many_texts().get());
+    {
+        const failing_calls::Malloc failing;
+        EXPECT_THROW(vm.addPexEnv(), std::bad_alloc);
+        EXPECT_EQ("logLuaError: num_errs = 0", height_of(vm));
+        EXPECT_THROW(vm.addSearchDirs(), std::bad_alloc);
+        EXPECT_EQ("logLuaError: num_errs = 0", height_of(vm));
+        capture.clear();
+        expect_failure(vm.executeScript(path.c_str(), msgpack::object()), no_state);
+        EXPECT_EQ(Records{"ERROR script: Failed to create a new Lua instance."}, capture.records());
+    }
+    JobResult result = vm.executeScript(path.c_str(), msgpack::object());
+    EXPECT_EQ("/lua/?.lua;/d1/?.lua;/d2/?.lua/var/staging", text_of(result.getAnswer()));
+}
+
+TEST_F(LuaVMTest, WithoutMemoryForItsNameAScriptCannotBeLoaded)
+{
+    const std::string long_path(600, 'x');  // too long for the memory that a state has at first
+    LuaVM vm({}, "/var/staging");
+    ASSERT_TRUE(vm.open());
+    const failing_calls::Malloc failing;
+    expect_failure(vm.executeScript(long_path.c_str(), msgpack::object()), not_loaded);
+    EXPECT_EQ((Records{"DEBUG script: luaL_loadfile: " + long_path,
+                       "DEBUG script: logLuaError: num_errs = 1",
+                       "ERROR script: failure: not enough memory"}),
+              capture.records());
+}
+
 TEST_F(LuaVMTest, AScriptIsRunOnlyIfThereIsMemoryForItsFailure)
 {
     const std::string path = dir.write("short.lua", "return 1");
@@ -444,6 +506,20 @@ TEST_F(LuaVMTest, TheAnswerIsAppended)
     std::vector<unsigned char> answer = {'x'};
     vm.unloadAnswer(answer);
     EXPECT_EQ("xabc", text_of(answer));
+}
+
+TEST_F(LuaVMTest, ANumberIsAnsweredWithoutALuaString)
+{
+    LuaVM vm({}, "/var/staging");
+    const std::string path = dir.write("number.lua", "return 0.1");
+    JobResult result = vm.executeScript(path.c_str(), msgpack::object());
+    EXPECT_EQ("0.1", text_of(result.getAnswer()));
+    capture.clear();
+    std::vector<unsigned char> answer;
+    vm.unloadAnswer(answer);
+    EXPECT_EQ("0.1", text_of(answer));
+    EXPECT_EQ((Records{"Returned 1 lua objects", "answer type: number length: 3"}),
+              capture.texts_of("script"));
 }
 
 TEST_F(LuaVMTest, TheChunkGetsNoParameters)

@@ -3,11 +3,13 @@
 #include <gtest/gtest.h>
 
 #include <cmath>
+#include <cstdlib>
 #include <functional>
 #include <limits>
 #include <map>
 #include <memory>
 #include <msgpack.hpp>
+#include <new>
 #include <stdexcept>
 #include <type_traits>
 
@@ -517,6 +519,30 @@ TEST_F(PackToLuaConverterTest, AFullStackIsFoundBeforeEachPush)
         }
         EXPECT_EQ(height, lua_gettop(L));
     }
+}
+
+/// A lua_Alloc without memory: blocks can only shrink and go.
+void* allocate_nothing(void* /*data*/, void* block, std::size_t old_size, std::size_t new_size)
+{
+    if (new_size == 0) {
+        std::free(block);
+        return nullptr;
+    }
+    return block != nullptr && new_size <= old_size ? block : nullptr;
+}
+
+TEST_F(PackToLuaConverterTest, AStackThatCannotGrowWithoutMemoryIsABadAlloc)
+{
+    const int height = 100;  // far above the slots that a stack has at first
+    lua_setallocf(L, allocate_nothing, nullptr);
+    EXPECT_THROW(
+        {
+            while (lua_gettop(L) < height) {
+                converter.visit_boolean(true);
+            }
+        },
+        std::bad_alloc);
+    EXPECT_LT(lua_gettop(L), height);
 }
 
 TEST_F(PackToLuaConverterTest, StepsThatTakeValuesOffWorkOnAFullStack)

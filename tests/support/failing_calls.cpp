@@ -28,6 +28,8 @@ lua_State* __real_luaL_newstate();
 lua_State* __wrap_luaL_newstate();
 void* __real_malloc(size_t size);
 void* __wrap_malloc(size_t size);
+void* __real_realloc(void* block, size_t size);
+void* __wrap_realloc(void* block, size_t size);
 
 ssize_t read(int descriptor, void* buffer, size_t size)
 {
@@ -63,6 +65,11 @@ lua_State* __wrap_luaL_newstate()
 void* __wrap_malloc(size_t size)
 {
     return malloc_fails ? nullptr : __real_malloc(size);
+}
+
+void* __wrap_realloc(void* block, size_t size)
+{
+    return malloc_fails ? nullptr : __real_realloc(block, size);
 }
 
 }  // extern "C"

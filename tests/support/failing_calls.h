@@ -1,8 +1,8 @@
 #pragma once
 
 /// C functions that cannot be made to fail otherwise. A binary that uses this links with
-/// --wrap=readdir64, --wrap=luaL_newstate and --wrap=malloc; read() is defined here, for the C++
-/// library to find.
+/// --wrap=readdir64, --wrap=luaL_newstate, --wrap=malloc and --wrap=realloc; read() is defined
+/// here, for the C++ library to find.
 namespace failing_calls {
 
 /// While it lives, read() fails with `error` after `bytes` bytes were read.
@@ -32,7 +32,7 @@ public:
     NewState& operator=(const NewState&) = delete;
 };
 
-/// While it lives, the project's own malloc calls return null.
+/// While it lives, the project's own malloc and realloc calls return null.
 class Malloc {
 public:
     Malloc();
