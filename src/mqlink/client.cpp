@@ -24,7 +24,7 @@ constexpr int mqtt_keepalive = 0;
 constexpr auto connack_limit = 30s;
 // mosquitto drops acknowledgements, too, while more than max_queued_messages packets wait for a
 // client. MQTT repeats nothing on a living connection (3.1.1, section 4.4).
-constexpr auto acknowledgement_limit = 3min;
+constexpr auto acknowledgement_limit = 2min;
 constexpr auto delivery_limit = 2s;
 constexpr int connections_per_suspect = 5;
 
@@ -371,9 +371,10 @@ void Client::look_for_suspect(bool lived)
         _pace.slow_down(std::chrono::seconds(1 << (suspect->connections - 1)));
         return;
     }
-    log.error("Broker %s ended %d connections in a row at the message on %s (%zu bytes). The "
-              "message is dropped",
-              _broker.c_str(), suspect->connections, suspect->topic.c_str(), suspect->size);
+    log.error(
+        "Broker %s ended %d connections in a row at the message on %s (%zu bytes). The "
+        "message is dropped",
+        _broker.c_str(), suspect->connections, suspect->topic.c_str(), suspect->size);
     _outbox.drop(*suspect);
     _library_holds_dropped = true;
 }

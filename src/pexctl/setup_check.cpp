@@ -23,9 +23,9 @@ namespace {
 
 namespace fs = std::filesystem;
 
-const std::vector<std::string> known_keys = {"server_comms.host", "server_comms.port",
-                                             "server_comms.qos", "script.search_dirs",
-                                             "script.staging_dir"};
+const std::vector<std::string> known_keys = {"server_comms.host",  "server_comms.port",
+                                             "server_comms.qos",   "server_comms.max_inflight",
+                                             "script.search_dirs", "script.staging_dir"};
 
 bool has_prefix(const std::string& text, const std::string& prefix)
 {
@@ -171,6 +171,11 @@ void SetupCheck::check_broker()
     const int qos = _config.getInt("server_comms.qos", -1);
     if (is_set("server_comms.qos") && (qos < 0 || qos > 2)) {
         warn(at("server_comms.qos"), "This is no quality of service. Nothing depends on it.");
+    }
+    const int max_inflight = _config.getInt("server_comms.max_inflight", 0);
+    if (is_set("server_comms.max_inflight") && (max_inflight < 1 || max_inflight > 20)) {
+        error(at("server_comms.max_inflight"),
+              "This is no number from 1 to 20: the service would use 1.");
     }
 }
 

@@ -52,14 +52,6 @@ def suback(mid, *granted):
     return packet(0x90, struct.pack("!H", mid) + bytes(granted))
 
 
-def unsubscribe(mid, topic_filter):
-    return packet(0xa2, struct.pack("!H", mid) + utf8(topic_filter))
-
-
-def unsuback(mid):
-    return packet(0xb0, struct.pack("!H", mid))
-
-
 def publish(topic, payload, qos=0, mid=None, retain=False, dup=False):
     first_byte = 0x30 | (0x08 if dup else 0) | qos << 1 | (0x01 if retain else 0)
     mid_bytes = b"" if mid is None else struct.pack("!H", mid)
@@ -189,13 +181,6 @@ class Connection:
         expected = publish(topic, payload, qos=2, mid=mid, retain=True, dup=dup)
         assert raw == expected, f"expected {expected!r}, received {raw!r}"
         return mid
-
-    def probed(self, timeout):
-        """Expects the question whether the broker has handled what was sent, and answers it."""
-        raw = self.expect_packet(timeout)
-        mid = struct.unpack("!H", raw[2:4])[0]
-        assert raw == unsubscribe(mid, "not/subscribed"), f"not the probe: {raw!r}"
-        self.send(unsuback(mid))
 
     def acknowledge(self, mid):
         """The broker's half of QoS 2 for a result that has arrived."""

@@ -1104,10 +1104,10 @@ protected:
     }
 };
 
-TEST_F(ClientAcknowledgementTest, ABrokerThatAcknowledgesNothingFor3MinutesIsLeft)
+TEST_F(ClientAcknowledgementTest, ABrokerThatAcknowledgesNothingFor2MinutesIsLeft)
 {
     publish();
-    wait(3min);
+    wait(2min);
     EXPECT_FALSE(was_given_up());
     take_log();
     wait(1ms);
@@ -1117,26 +1117,24 @@ TEST_F(ClientAcknowledgementTest, ABrokerThatAcknowledgesNothingFor3MinutesIsLef
               take_log());
 }
 
-TEST_F(ClientAcknowledgementTest, AnAcknowledgementOfTheOldestMessageBeginsTheWaitAnew)
+TEST_F(ClientAcknowledgementTest, AcknowledgementsOfLaterMessagesDoNotHideThatOneIsLost)
 {
     publish();  // 11
     publish();  // 12
     publish();  // 13
-    clock.advance(2min);
-    library().on_publish(12);
+    clock.advance(1min);
+    library().on_publish(12);  // a later one
     wait(61s);
     EXPECT_TRUE(was_given_up());
-    come_up();
-    publish();
 }
 
 TEST_F(ClientAcknowledgementTest, TheWaitCountsFromTheLastAcknowledgement)
 {
     publish();  // 11
     publish();  // 12
-    clock.advance(2min);
+    clock.advance(1min);
     library().on_publish(11);
-    wait(3min);
+    wait(2min);
     EXPECT_FALSE(was_given_up());
     wait(1ms);
     EXPECT_TRUE(was_given_up());
@@ -1165,11 +1163,11 @@ TEST_F(ClientAcknowledgementTest, WithNothingToAcknowledgeTheConnectionStays)
 TEST_F(ClientAcknowledgementTest, ANewConnectionHasItsTime)
 {
     publish();
-    clock.advance(2min);
+    clock.advance(1min);
     library().on_disconnect(MOSQ_ERR_CONN_LOST);
     wait(1h);
     come_up();
-    wait(3min);
+    wait(2min);
     EXPECT_FALSE(was_given_up());
 }
 
@@ -1190,7 +1188,7 @@ TEST_F(ClientAcknowledgementTest, TheTimeOfAJobDoesNotCount)
     };
     client->loop(0, 1);
     EXPECT_EQ(1u, handler.received.size());
-    wait(3min);
+    wait(2min);
     EXPECT_FALSE(was_given_up());
     wait(1ms);
     EXPECT_TRUE(was_given_up());
@@ -1199,7 +1197,7 @@ TEST_F(ClientAcknowledgementTest, TheTimeOfAJobDoesNotCount)
 TEST_F(ClientAcknowledgementTest, WithoutMemoryForTheRecordTheConnectionIsLeftAllTheSame)
 {
     publish();
-    clock.advance(4min);
+    clock.advance(3min);
     fail_next_allocation();
     client->loop(0, 1);
     EXPECT_TRUE(was_given_up());
@@ -1303,8 +1301,8 @@ TEST_F(ClientInboxTest, WhileAResultIsUnderWayEverythingIsTakenInBeforeOneMessag
     send_acknowledgement(11);
     send_request("in/cmd/4");
     EXPECT_EQ(MOSQ_ERR_SUCCESS, loop());
-    EXPECT_EQ((Calls{"received in/cmd/2", "received in/cmd/3", "acknowledged",
-                     "received in/cmd/4", "job"}),
+    EXPECT_EQ((Calls{"received in/cmd/2", "received in/cmd/3", "acknowledged", "received in/cmd/4",
+                     "job"}),
               take_events());
     EXPECT_EQ((Calls{"in/cmd/1 [1]", "in/cmd/2 [2]"}), handler.received);
     loop();
@@ -1506,8 +1504,8 @@ TEST_F(ClientInboxTest, TheNextMessageWaitsATwentiethOfTheJobForTheAcknowledgeme
         VirtualClock::Duration job;
         VirtualClock::Duration wait;
     } cases[] = {
-        {2s, 100ms}, {20s, 1s}, {1h, 1s}, {1ms, 50us},
-        {999us, 0s},  // shorter than the kernel can wait
+        {2s, 100ms}, {20s, 1s},   {1h, 1s},
+        {1ms, 50us}, {999us, 0s},  // shorter than the kernel can wait
         {0s, 0s},
     };
     publishes = false;
@@ -1681,8 +1679,9 @@ TEST_F(ClientSuspectTest, ABrokerThatRefusesEverythingIsNamedOnce)
     for (int connection = 1; connection <= 15; ++connection) {
         end_connection();
         for (const std::string& record : take_log()) {
-            told += record == "ERROR broker_log: Broker localhost:1883 ends the connection at a "
-                              "retained message of QoS 2";
+            told += record ==
+                    "ERROR broker_log: Broker localhost:1883 ends the connection at a "
+                    "retained message of QoS 2";
         }
         EXPECT_EQ(connection == 1 ? 0u : 1u, told);
     }
@@ -2322,8 +2321,8 @@ TEST_F(ClientLoopTest, LoopPassesItsArgumentsAndItsStatusOn)
     fake_mosquitto.socket = connection.socket();
     connection.send_from_peer("x");
     fake_mosquitto.wants_write = true;
-    for (auto* hook : {&fake_mosquitto.loop_read, &fake_mosquitto.loop_write,
-                       &fake_mosquitto.loop_misc}) {
+    for (auto* hook :
+         {&fake_mosquitto.loop_read, &fake_mosquitto.loop_write, &fake_mosquitto.loop_misc}) {
         for (int status = -4; status <= 31; ++status) {
             *hook = [status] { return status; };
             EXPECT_EQ(status, client->loop(1000, 1));
