@@ -24,7 +24,7 @@ constexpr int mqtt_keepalive = 0;
 constexpr auto connack_limit = 30s;
 // mosquitto drops acknowledgements, too, while more than max_queued_messages packets wait for a
 // client. MQTT repeats nothing on a living connection (3.1.1, section 4.4).
-constexpr auto acknowledgement_limit = 2min;
+constexpr Client::Clock::duration first_patience = 1min;
 constexpr auto delivery_limit = 2s;
 constexpr int connections_per_suspect = 5;
 
@@ -58,7 +58,8 @@ Client::Client(const ClientSessionOptions& options, const char* name)
     : mosqpp::mosquittopp(options.client_id, options.clean_session),
       log(log4cpp::Category::getInstance(name)),
       _options(options),
-      _link_log(log)
+      _link_log(log),
+      _patience(first_patience)
 {
     signal(SIGPIPE, SIG_IGN);  // libmosquitto does it up to 2.0.14
 }
@@ -232,6 +233,7 @@ try {
 void Client::on_publish(int mid)
 {
     _outbox.acknowledge(mid);
+    _patience = first_patience;
     // A result is through, and nothing more is sent that would carry the ACK of its last packet.
     // Without the ACK a broker with Nagle's algorithm on keeps its next request to itself, for
     // the 40 ms by which the kernel delays ACKs.
@@ -338,10 +340,11 @@ void Client::look_after_connection()
         _link = Link::down;
         _link_log.down("Broker " + _broker + " did not answer the connection request");
     }
-    if (_link == Link::up && !_outbox.empty() && _outbox.waited() > acknowledgement_limit &&
-        !want_write() && !has_unsent_bytes(socket())) {
+    if (_link == Link::up && !_outbox.empty() && _outbox.waited() > _patience && !want_write() &&
+        !has_unsent_bytes(socket())) {
         give_up_connection();
         _outbox.expect_acknowledgement();
+        _patience *= 2;  // on a slow link the acknowledgement may stand behind a large request
         _link_log.note("Broker " + _broker + " does not acknowledge what was published");
     }
 }

@@ -167,6 +167,7 @@ private:
     bool _is_taking_in = false;          ///< what comes now goes to the inbox
     Clock::time_point _handshake_until;  ///< the last result's time for its acknowledgement
     Outbox _outbox;
+    Clock::duration _patience;            ///< with the oldest message's acknowledgement
     bool _library_holds_dropped = false;  ///< a message that was dropped from the outbox
     bool _told_what_is_missing = false;
     bool _stopping = false;

@@ -21,7 +21,9 @@ Outbox::Publication& Outbox::add(const char* topic, std::string payload, int qos
     _publications.push_back({0, topic, std::move(payload), size, qos, retain, false});
     Publication& newest = _publications.back();
     for (Publication& older : _publications) {
-        if (&older != &newest && retain && older.retain && older.topic == newest.topic) {
+        const bool is_of_interest = newest.size == 0 && older.size > 0;
+        if (&older != &newest && retain && older.retain && older.topic == newest.topic &&
+            !is_of_interest) {
             older.superseded = true;
             std::string().swap(older.payload);  // the library has a copy as long as it needs one
         }

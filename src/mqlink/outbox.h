@@ -12,7 +12,8 @@ namespace mqlink {
 
 /// Copies of the messages that the broker has not acknowledged to the end, in the order in which
 /// they were published. A retained message supersedes an older retained one on its topic, which is
-/// then not published again.
+/// then not published again. But an empty message, which removes the retained one, supersedes only
+/// an empty one: subscribers still get the message that it removes.
 ///
 /// Also finds the message at which a broker ends each connection, so that it does not keep the
 /// others from being delivered for ever.

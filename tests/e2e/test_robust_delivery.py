@@ -110,8 +110,8 @@ def test_many_cuts_in_a_row(peer, daemon):
 
 
 def test_results_made_without_a_connection_arrive_in_order(peer, scripts, tmp_path):
-    """The broker ends the connection while it owes the acknowledgements of three results, and a
-    withdrawal supersedes one of them. The others follow on the next connection, in their order."""
+    """The broker ends the connection while it owes the acknowledgements of four results, the last
+    of which supersedes the first. They follow on the next connection, in their order."""
     service = Service(tmp_path / "daemon", settings={"script.search_dirs": scripts.directory,
                                                      "server_comms.port": peer.port,
                                                      "server_comms.max_inflight": 20})
@@ -123,11 +123,14 @@ def test_results_made_without_a_connection_arrive_in_order(peer, scripts, tmp_pa
             connection.result(f"out/cmd/{job}", failure("parse error"))
         connection.send(publish("in/cmd/2", b""))
         connection.result("out/cmd/2", b"")
+        connection.send(publish("in/cmd/1", b"\xc1"))
+        connection.result("out/cmd/1", failure("parse error"))
         connection.reset()
         connection = peer.accept_and_serve()
-        mids = [connection.result("out/cmd/1", failure("parse error")),
+        mids = [connection.result("out/cmd/2", failure("parse error")),
                 connection.result("out/cmd/3", failure("parse error")),
-                connection.result("out/cmd/2", b"")]
+                connection.result("out/cmd/2", b""),
+                connection.result("out/cmd/1", failure("parse error"))]
         for mid in mids:
             connection.acknowledge(mid)
         connection.finish()

@@ -86,9 +86,20 @@ TEST_F(OutboxTest, ARetainedMessageSupersedesAnOlderOneOnItsTopic)
 {
     publish(11, "out/cmd/1", "result");
     publish(12, "out/cmd/2", "other");
-    publish(13, "out/cmd/1", "");
+    publish(13, "out/cmd/1", "newer");
     EXPECT_EQ(2u, outbox.count());
-    EXPECT_EQ((Published{"out/cmd/2 other", "out/cmd/1 "}), publish_again());
+    EXPECT_EQ((Published{"out/cmd/2 other", "out/cmd/1 newer"}), publish_again());
+}
+
+/// A withdrawal came before the result was through: whoever listens is still to get the result.
+TEST_F(OutboxTest, AnEmptyMessageLeavesTheOneThatItRemoves)
+{
+    publish(11, "out/cmd/1", "result");
+    publish(12, "out/cmd/1", "");
+    publish(13, "out/cmd/1", "");
+    EXPECT_EQ((Published{"out/cmd/1 result", "out/cmd/1 "}), publish_again());
+    publish(14, "out/cmd/1", "newer");
+    EXPECT_EQ(Published{"out/cmd/1 newer"}, publish_again());
 }
 
 TEST_F(OutboxTest, MessagesThatAreNotRetainedAreAllKept)
