@@ -249,16 +249,18 @@ int connect(int descriptor, const sockaddr* address, socklen_t length)
 }
 
 /// In short slices. If two of them pass from here on, nothing was left to do.
-int poll(pollfd* descriptors, nfds_t number, int timeout_ms)
+int ppoll(pollfd* descriptors, nfds_t number, const timespec* limit, const sigset_t* mask)
 {
-    static const auto real = next("poll", &poll);
-    if (page == nullptr || timeout_ms <= 0) {
-        return real(descriptors, number, timeout_ms);
+    static const auto real = next("ppoll", &ppoll);
+    if (page == nullptr || limit == nullptr || (limit->tv_sec == 0 && limit->tv_nsec == 0)) {
+        return real(descriptors, number, limit, mask);
     }
-    constexpr timespec slice = {0, 1000000 / slices_per_ms};
+    const long long slices = limit->tv_sec * 1000LL * slices_per_ms +
+                             limit->tv_nsec / (1000000 / slices_per_ms);
+    const timespec slice = {0, 1000000 / slices_per_ms};
     int ready = 0;
-    for (int waited = 0; ready == 0 && waited / slices_per_ms < timeout_ms; ++waited) {
-        ready = ppoll(descriptors, number, &slice, nullptr);
+    for (long long waited = 0; ready == 0 && waited <= slices; ++waited) {
+        ready = real(descriptors, number, &slice, mask);
         page->idle += ready == 0 ? 1 : 0;
     }
     return ready;
