@@ -109,6 +109,8 @@ protected:
     bool all_acknowledged() const { return _outbox.empty(); }
     /// Whether no received message waits for its handlers.
     bool all_handed_out() const { return _inbox.empty(); }
+    /// Hands the oldest message that waits to its handlers, if there is one.
+    void hand_out();
     /// Forgets the received messages that wait, without a record.
     void discard_inbox() { _inbox = Inbox(); }
 
@@ -143,7 +145,6 @@ private:
     Ready wait_for_socket(Clock::duration time);
     int exchange(short events, int max_packets);
     Clock::duration time_for_handshake() const;
-    void hand_out();
 
     void deliver(const mosquitto_message* msg);
     void dispatch(Handler& handler, const mosquitto_message* msg);

@@ -22,8 +22,13 @@ namespace {
 using std::chrono::milliseconds;
 
 constexpr const char* log_category = "pexctl";
-constexpr int suback_failure = 0x80;  // MQTT 3.1.1, section 3.9.3
 constexpr milliseconds progress_interval(100);
+constexpr std::chrono::seconds settling_time(5);
+
+// MQTT 3.1.1 lets a broker send retained messages before its answer to the subscription or at any
+// time behind it, and marks no end of them. Brokers send them within milliseconds. A network adds
+// what it varies by, which the time of an answer stands for.
+constexpr milliseconds shortest_silence(100);
 
 volatile sig_atomic_t sigint_came = 0;
 
@@ -84,6 +89,7 @@ public:
     }
 
     const bool required;
+    bool is_answered = false;  ///< the subscription, on this connection
 
 private:
     std::string _job_id;
@@ -110,6 +116,7 @@ BrokerSession::BrokerSession(const Connection& connection)
 BrokerSession::~BrokerSession()
 {
     _ending = true;
+    discard_inbox();  // or messages that matter no more would be reported as lost
     stop();
 }
 
@@ -122,13 +129,10 @@ void BrokerSession::listen(const std::string& topic, const std::string& job_id, 
 
 void BrokerSession::open(Deadline deadline)
 {
-    // mosquitto answers a subscription before it sends what it retains for it. It has sent that
-    // when it answers the next one.
-    listen("out/cmd/", session_options().client_id, 0, false, [](auto&, auto&) {});
     const std::string what = "Connecting to " + _name;
     connect_within(deadline);
     while (!is_ready()) {
-        if (!step(what, deadline) || _refused) {
+        if (!step(what, deadline, progress_interval) || _refused) {
             throw Failure(no_broker, "");  // the client has said why
         }
     }
@@ -136,25 +140,48 @@ void BrokerSession::open(Deadline deadline)
     clear_progress();
 }
 
+void BrokerSession::wait_for_retained(Deadline deadline)
+{
+    const std::string what = "Receiving what " + _name + " retains";
+    _retained_came = Clock::now();
+    milliseconds left;
+    unsigned received_before;
+    // The last round does not wait. It finds what arrived while this process was suspended.
+    do {
+        left = std::chrono::ceil<milliseconds>(_retained_came + _time_to_answer + shortest_silence -
+                                               Clock::now());
+        received_before = _received;
+        if (!step(what, deadline, std::clamp(left, milliseconds(0), progress_interval))) {
+            throw Failure(no_broker, "");  // the client has said why
+        }
+    } while (left.count() > 0 || _received != received_before || !all_handed_out());
+    clear_progress();
+}
+
 void BrokerSession::send(const std::string& topic, const std::string& payload, int qos, bool retain,
                          Deadline deadline)
 {
+    _sending = topic;
+    _is_taken = false;
     const int size = static_cast<int>(std::min<std::size_t>(payload.size(), INT_MAX));
     const int rc = publish(nullptr, topic.c_str(), size, payload.data(), qos, retain);
-    // With QoS 0 nothing is kept for the next connection.
-    const bool is_kept = qos > 0 && (rc == MOSQ_ERR_NO_CONN || rc == MOSQ_ERR_CONN_LOST ||
-                                     rc == MOSQ_ERR_ERRNO || rc == MOSQ_ERR_NOMEM);
+    const bool is_kept = rc == MOSQ_ERR_NO_CONN || rc == MOSQ_ERR_CONN_LOST ||
+                         rc == MOSQ_ERR_ERRNO || rc == MOSQ_ERR_NOMEM;
     if (rc != MOSQ_ERR_SUCCESS && !is_kept) {
         throw Failure(wrong_usage, "Cannot publish on " + topic + ". " + mosqpp::strerror(rc));
     }
     wait_until([&] { return all_acknowledged(); }, "Sending to " + _name, deadline);
+    if (!_is_taken) {  // the client has dropped it, and said why
+        throw Failure(no_broker,
+                      "Broker " + _name + " does not take the message on " + topic + ".");
+    }
 }
 
 void BrokerSession::wait_until(const std::function<bool()>& done, const std::string& what,
                                Deadline deadline)
 {
     while (!done()) {
-        if (!step(what, deadline)) {
+        if (!step(what, deadline, progress_interval)) {
             connect_within(deadline);
         }
     }
@@ -163,29 +190,66 @@ void BrokerSession::wait_until(const std::function<bool()>& done, const std::str
 
 void BrokerSession::on_connect(int rc)
 {
-    _answered = 0;
+    for (const auto& listener : _listeners) {
+        listener->is_answered = false;
+    }
     _refused = rc != 0;
-    if (rc == 0 && _was_ready) {
-        note("Connected to broker " + _name + " again");
+    if (rc == 0) {
+        ++_connections;
+        _is_up = true;
+        _up_since = Clock::now();
+        if (_losses == 1) {
+            note("Connected to broker " + _name + " again");
+        }
     }
     Client::on_connect(rc);
 }
 
-void BrokerSession::on_message(const mosquitto_message* message)
+void BrokerSession::on_disconnect(int rc)
 {
-    if (!_ending) {  // or what comes now, such as our own withdrawal, would be told as lost
-        Client::on_message(message);
+    // The sinks only take notes, so they may be called in here. An end of transaction that was
+    // dropped with the connection would not come again.
+    while (!all_handed_out()) {
+        hand_out();
+    }
+    const bool was_up = _is_up;
+    _is_up = false;
+    Client::on_disconnect(rc);
+    if (was_up && !_ending) {
+        count_loss();
     }
 }
 
-void BrokerSession::on_subscribe(int mid, int qos_count, const int* granted_qos)
+void BrokerSession::on_publish(int mid)
 {
-    const bool refused = qos_count > 0 && granted_qos[0] == suback_failure;
-    // They are answered in the order in which they were asked for.
-    if (_answered < _listeners.size() && _listeners[_answered++]->required) {
-        _refused = _refused || refused;
-        Client::on_subscribe(mid, qos_count, granted_qos);
+    _is_taken = true;  // one message is sent at a time
+    Client::on_publish(mid);
+}
+
+void BrokerSession::on_message(const mosquitto_message* message)
+{
+    if (_ending) {  // or what comes now, such as our own withdrawal, would be reported as lost
+        return;
     }
+    ++_received;
+    if (message->retain) {
+        _retained_came = Clock::now();
+    }
+    Client::on_message(message);
+}
+
+void BrokerSession::on_subscribed(const mqlink::Handler& handler, bool granted)
+{
+    for (const auto& listener : _listeners) {
+        if (listener.get() == &handler) {
+            listener->is_answered = true;
+            if (listener->required) {
+                _refused = _refused || !granted;
+                Client::on_subscribed(handler, granted);
+            }
+        }
+    }
+    _time_to_answer = Clock::now() - _up_since;
 }
 
 void BrokerSession::on_log(int level, const char* text)
@@ -238,19 +302,54 @@ void BrokerSession::connect_within(Deadline deadline)
     thread.join();
 }
 
-/// One round of the loop. False if there is no connection.
-bool BrokerSession::step(const std::string& what, Deadline deadline)
+/// One round of the loop, which waits at most `time`. False if there is no connection.
+bool BrokerSession::step(const std::string& what, Deadline deadline, milliseconds time)
 {
     if (const auto failure = reason_to_give_up(deadline)) {
         clear_progress();
         throw *failure;
     }
     show_progress(what);
-    const int rc = loop(progress_interval.count(), 1);
+    const int rc = loop(static_cast<int>(time.count()), 1);
+    look_after_losses();
     if (rc == MOSQ_ERR_TLS) {  // which no callback tells
         note("Couldn't reach broker " + _name + ". " + mosqpp::strerror(rc));
     }
     return rc != MOSQ_ERR_NO_CONN && rc != MOSQ_ERR_CONN_LOST;
+}
+
+bool BrokerSession::is_ready() const
+{
+    return std::all_of(_listeners.begin(), _listeners.end(),
+                       [](const auto& listener) { return listener->is_answered; });
+}
+
+/// A connection was lost. The client says it once, and why, until a connection has settled.
+void BrokerSession::count_loss()
+{
+    const bool had_settled = Clock::now() - _up_since > settling_time;
+    _losses = had_settled ? 1 : _losses + 1;
+    if (_losses != 2) {
+        return;
+    }
+    std::string when = ", within seconds each time";
+    if (!all_acknowledged()) {
+        when = ", before the broker has acknowledged the message on " + _sending;
+    } else if (!is_ready()) {
+        when = ", before the broker has answered the subscriptions";
+    }
+    note("The connection to broker " + _name + " breaks repeatedly" + when);
+}
+
+/// Says that the connection has settled, if it had broken repeatedly before.
+void BrokerSession::look_after_losses()
+{
+    if (_is_up && _losses > 0 && Clock::now() - _up_since > settling_time) {
+        if (_losses > 1) {
+            note("Connected to broker " + _name + " again");
+        }
+        _losses = 0;
+    }
 }
 
 std::optional<Failure> BrokerSession::reason_to_give_up(Deadline deadline) const

@@ -43,19 +43,30 @@ public:
     explicit BrokerSession(const Connection& connection);
     ~BrokerSession() override;
 
-    /// Subscribes to `topic` + `job_id`, or to all jobs if that is "+", on each connection.
-    /// `sink` is called within the waits below. With `required` false a refusal does not matter.
+    /// Subscribes to `topic` + `job_id`, or to all jobs if that is "+", on each connection. To be
+    /// called before open(). `sink` is called within the waits below, and must not publish. With
+    /// `required` false a refusal does not matter.
     void listen(const std::string& topic, const std::string& job_id, int qos, bool required,
                 Sink sink);
 
-    /// Connects; returns when the broker has answered all subscriptions and sent what it retains
-    /// for them. Throws Failure at once if it cannot be reached or refuses.
+    /// Connects; returns when the broker has answered all subscriptions. Throws Failure at once if
+    /// it cannot be reached or refuses.
     void open(Deadline deadline);
+
+    /// To be called after open(). Returns when nothing retained has arrived for a moment: a tenth
+    /// of a second longer than the broker took to answer the subscriptions. Throws Failure also if
+    /// the connection is lost.
+    void wait_for_retained(Deadline deadline);
+
+    /// How many connections the broker has accepted so far. Messages that a sink receives are of
+    /// the last one.
+    unsigned connections() const { return _connections; }
 
     /// What is added to the text when a wait ends at its deadline or at SIGINT from now on.
     void set_parting_words(const std::string& text) { _parting_words = text; }
 
-    /// Publishes and waits until the broker has taken it.
+    /// Publishes and waits until the broker has acknowledged it. `qos` is 1 or 2. Throws Failure
+    /// also if the broker does not take the message.
     void send(const std::string& topic, const std::string& payload, int qos, bool retain,
               Deadline deadline);
 
@@ -67,24 +78,38 @@ private:
 
     void on_renewed() override { log_in(); }
     void on_connect(int rc) override;
+    void on_disconnect(int rc) override;
+    void on_publish(int mid) override;
     void on_message(const mosquitto_message* message) override;
-    void on_subscribe(int mid, int qos_count, const int* granted_qos) override;
+    void on_subscribed(const mqlink::Handler& handler, bool granted) override;
     void on_log(int level, const char* text) override;
 
     void log_in();
     void connect_within(Deadline deadline);
-    bool step(const std::string& what, Deadline deadline);
+    bool step(const std::string& what, Deadline deadline, std::chrono::milliseconds time);
     std::optional<Failure> reason_to_give_up(Deadline deadline) const;
-    bool is_ready() const { return _answered == _listeners.size(); }
+    bool is_ready() const;
+    void count_loss();
+    void look_after_losses();
 
     Connection _connection;  ///< with port 0 for a Unix socket
     std::string _name;       ///< of the broker, for people
     std::vector<std::unique_ptr<Listener>> _listeners;
-    std::size_t _answered = 0;  ///< subscriptions, on this connection
     bool _refused = false;
     bool _was_ready = false;
     bool _ending = false;
     std::string _parting_words;
+
+    unsigned _connections = 0;
+    bool _is_up = false;
+    Clock::time_point _up_since;  ///< when the present connection, or else the last one, began
+    int _losses = 0;              ///< of connections in a row, the later ones within seconds
+
+    Clock::duration _time_to_answer{};  ///< from the present connection to its last SUBACK
+    Clock::time_point _retained_came;   ///< when the last retained message arrived
+    unsigned _received = 0;             ///< messages
+    std::string _sending;               ///< the topic of the message that send() waits for
+    bool _is_taken = false;             ///< that message, by the broker
 };
 
 }  // namespace pexctl

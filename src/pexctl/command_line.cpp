@@ -210,8 +210,8 @@ void add_submit(CLI::App& app, CommandLine& line)
     command->add_flag("-r,--retain", line.request.retain,
                       "have the broker keep the request until it is withdrawn");
     command->add_option("-q,--qos", line.request.qos, "the request's quality of service (1)")
-        ->check(CLI::Range(0, 2).description(""))
-        ->type_name("0|1|2");
+        ->check(CLI::Range(1, 2).description(""))
+        ->type_name("1|2");
     add_broker(command, line);
     command->footer(
         "Examples:\n"

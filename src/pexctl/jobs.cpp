@@ -6,6 +6,7 @@
 #include <cstdio>
 #include <map>
 #include <msgpack.hpp>
+#include <optional>
 #include <utility>
 
 #include "pexctl/terminal.h"
@@ -40,8 +41,8 @@ class Job {
 public:
     Job(BrokerSession& session, const JobOptions& options) : _session(session), _options(options)
     {
-        // Not QoS 2: libmosquitto would hand a retained result over only after a handshake, when
-        // open() has long returned.
+        // Not QoS 2: libmosquitto hands a message over only after its handshake, for which
+        // wait_for_retained() would not wait.
         session.listen("out/cmd/", options.id, result_qos, true,
                        [this](const mosquitto_message& message, auto&) { on_result(message); });
         // Listening to the requests is not needed, and the broker may forbid it. It shows whether
@@ -60,15 +61,20 @@ public:
 
 private:
     void on_result(const mosquitto_message& message);
+    bool is_of_earlier_job(const mosquitto_message& message) const;
+    void tell_earlier_result(const mosquitto_message& message);
     void on_request(const mosquitto_message& message);
 
     ExitStatus show(const std::string& if_not_written) const;
     std::string name() const { return "job " + _options.id; }
+    std::string left_as_it_is() const { return " Job " + _options.id + " is left as it is. "; }
     std::string command(const char* verb) const;
 
     BrokerSession& _session;
     const JobOptions& _options;
-    std::string _request;  ///< our own, if we sent one
+    std::string _request;        ///< our own, if we sent one
+    unsigned _requested_on = 0;  ///< the number of the connection on which it was first sent
+    std::optional<std::string> _earlier_result;  ///< of a job before ours
     bool _requested_before = false;
     bool _withdrawing = false;
     bool _withdrawn_by_others = false;
@@ -90,6 +96,7 @@ void Job::expect_unused() const
 void Job::request(const std::string& payload, const RequestOptions& how, Deadline deadline)
 {
     _request = payload;
+    _requested_on = _session.connections();
     _session.set_parting_words(" Job " + _options.id +
                                " may have been sent. Look for its result: " + command("attach"));
     _session.send("in/cmd/" + _options.id, payload, how.qos, how.retain, deadline);
@@ -97,9 +104,10 @@ void Job::request(const std::string& payload, const RequestOptions& how, Deadlin
 
 ExitStatus Job::finish(Deadline deadline)
 {
-    const std::string left =
-        " Job " + _options.id + " is left as it is. Wait for its result: " + command("attach");
-    _session.set_parting_words(left);
+    const std::string left = left_as_it_is() + "Wait for its result: " + command("attach");
+    if (!_earlier_result) {
+        _session.set_parting_words(left);
+    }
     _session.wait_until([this] { return _has_result || _withdrawn_by_others; },
                         "Waiting for the result of " + name(), deadline);
     if (!_has_result) {
@@ -138,10 +146,34 @@ void Job::on_result(const mosquitto_message& message)
 {
     if (_withdrawing) {
         _confirmed = _confirmed || message.payloadlen == 0;
+    } else if (!_has_result && is_of_earlier_job(message)) {
+        tell_earlier_result(message);
     } else if (!_has_result && !(_withdrawn_by_others && message.payloadlen == 0)) {
         _has_result = true;
         _result = payload_of(message);
     }
+}
+
+/// A broker sets the retain flag on what it already held at the subscription (MQTT 3.1.1, section
+/// 3.3.1.3). On the connection on which the request was first sent, that is older than the request.
+/// On a later one it may be the answer.
+bool Job::is_of_earlier_job(const mosquitto_message& message) const
+{
+    if (!message.retain || _request.empty() || _options.has_new_id) {
+        return false;
+    }
+    return _session.connections() == _requested_on || payload_of(message) == _earlier_result;
+}
+
+void Job::tell_earlier_result(const mosquitto_message& message)
+{
+    if (!_earlier_result) {
+        note("The broker held a result of an earlier job with the id " + _options.id +
+             ". It is not the answer, and is neither shown nor withdrawn.");
+        _session.set_parting_words(left_as_it_is() + "Until it has a result, `" +
+                                   command("attach") + "` shows the earlier one.");
+    }
+    _earlier_result = payload_of(message);
 }
 
 void Job::on_request(const mosquitto_message& message)
@@ -252,7 +284,10 @@ ExitStatus submit(const Connection& connection, const std::string& request,
     BrokerSession session(connection);
     Job job(session, options);
     session.open(deadline);
-    job.expect_unused();
+    if (!options.has_new_id) {
+        session.wait_for_retained(deadline);
+        job.expect_unused();
+    }
     job.request(request, how, deadline);
     if (how.detach) {
         write_all(STDOUT_FILENO, options.id + "\n");
@@ -282,6 +317,7 @@ ExitStatus withdraw(const Connection& connection, const JobOptions& options)
 
 ExitStatus list(const Connection& connection, const JobOptions& options)
 {
+    const Deadline deadline = after(options.timeout);
     BrokerSession session(connection);
     Rows rows;
     const auto add = [&](const mosquitto_message& message, const std::string& id, bool is_result) {
@@ -298,7 +334,8 @@ ExitStatus list(const Connection& connection, const JobOptions& options)
                    [&](auto& message, auto& id) { add(message, id, true); });
     session.listen("in/cmd/", "+", 0, true,
                    [&](auto& message, auto& id) { add(message, id, false); });
-    session.open(after(options.timeout));
+    session.open(deadline);
+    session.wait_for_retained(deadline);
     if (rows.empty()) {
         note("The broker holds no results and no retained requests.");
     } else {

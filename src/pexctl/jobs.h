@@ -22,6 +22,7 @@ ExitStatus show_result(const std::string& payload, View view);
 /// What the commands that deal with one job share.
 struct JobOptions {
     std::string id;
+    bool has_new_id = false;  ///< a random one, so the broker holds nothing of an earlier job
     std::chrono::seconds timeout{60};  ///< 0: none
     View view = View::automatic;
     bool keep = false;     ///< do not withdraw
@@ -30,7 +31,7 @@ struct JobOptions {
 
 /// How a request is sent.
 struct RequestOptions {
-    int qos = 1;
+    int qos = 1;  ///< or 2
     bool retain = false;
     bool detach = false;
 };

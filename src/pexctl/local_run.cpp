@@ -3,6 +3,7 @@
 #include <unistd.h>
 
 #include <algorithm>
+#include <csignal>
 #include <cstdio>
 #include <cstdlib>
 #include <filesystem>
@@ -63,6 +64,19 @@ private:
     std::string _path;
 };
 
+/// Has the process ignore SIGPIPE, as the daemon does for its scripts and their children; later the
+/// reader of the answer may hang up as that of any command.
+class SigpipeIgnored {
+public:
+    SigpipeIgnored() : _before(std::signal(SIGPIPE, SIG_IGN)) {}
+    ~SigpipeIgnored() { std::signal(SIGPIPE, _before); }
+    SigpipeIgnored(const SigpipeIgnored&) = delete;
+    SigpipeIgnored& operator=(const SigpipeIgnored&) = delete;
+
+private:
+    void (*_before)(int);
+};
+
 bool script_is_running = false;
 std::unique_ptr<StagingDir> own_staging_dir;
 
@@ -113,6 +127,7 @@ std::string run_locally(const std::string& request, const LocalSetup& setup)
     pex::CommandHandler handler(job_id, setup.search_dirs, staging_dir.c_str());
     const auto vars =
         mqlink::FilterVariables::match(handler.topicFilter(), std::string("in/cmd/") + job_id);
+    const SigpipeIgnored sigpipe_ignored;  // before the keeper, which would ignore it for good
     ResultKeeper keeper;
     mosquitto_message message = {};
     message.payload = const_cast<char*>(request.data());

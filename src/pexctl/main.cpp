@@ -181,6 +181,7 @@ ExitStatus submit(const CommandLine& line)
     JobOptions job = line.job;
     if (job.id.empty()) {
         job.id = random_job_id();
+        job.has_new_id = true;
     }
     return submit(connection_of(line), make_request(line, line.script), line.request, job);
 }

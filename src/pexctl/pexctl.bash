@@ -47,7 +47,7 @@ _pexctl()
     fi
     case $previous in
         --as) words="auto text json hex raw" ;;
-        -q | --qos) words="0 1 2" ;;
+        -q | --qos) words="1 2" ;;
         -h | --host)
             mapfile -t COMPREPLY < <(compgen -A hostname -- "$word")
             return

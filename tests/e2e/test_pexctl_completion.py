@@ -71,8 +71,8 @@ def test_options_are_those_of_the_help(complete, pexctl, command):
 @pytest.mark.parametrize("words, offered", [
     (["run", "--as", ""], ["auto", "hex", "json", "raw", "text"]),
     (["submit", "--as", "j"], ["json"]),
-    (["submit", "-q", ""], ["0", "1", "2"]),
-    (["submit", "--qos", ""], ["0", "1", "2"]),
+    (["submit", "-q", ""], ["1", "2"]),
+    (["submit", "--qos", ""], ["1", "2"]),
     (["submit", "-W", ""], []),
     (["submit", "--id", ""], []),
     (["submit", "-p", ""], []),

@@ -321,3 +321,20 @@ def test_names_of_scripts_are_listed_for_completion(pexctl, own_scripts, scripts
     assert pexctl("scripts", "--search-dir", scripts.directory, "--search-dir",
                   own_scripts.directory) == (0, b"a\nb\nc.d\nconfigured\n", "")
     assert pexctl("scripts", "--search-dir", "/nonexistent") == (0, b"", "")
+
+
+def test_script_that_writes_to_a_closed_pipe_fails_as_in_the_daemon(pexctl, scripts):
+    scripts.add("pipe", "local _, why = io.popen('exit 0', 'w'):write(('x'):rep(1000000)) "
+                        "return why")
+    assert pexctl("run", "--search-dir", scripts.directory, "pipe") == (0, b"Broken pipe", "")
+
+
+def test_reader_that_hangs_up_ends_the_command_without_a_word(pexctl, scripts):
+    scripts.add("greet", "return 'Hello'")
+    reader, writer = os.pipe()
+    os.close(reader)
+    outcome = pexctl("run", "--search-dir", scripts.directory, "greet", stdout=writer,
+                     killed_by=signal.SIGPIPE)
+    os.close(writer)
+    assert outcome == (-signal.SIGPIPE, None, "")
+    assert left_behind(pexctl) == []

@@ -173,7 +173,7 @@ def test_progress_is_cut_so_that_it_can_be_erased(service, terminal, waiting_job
 
 
 def test_note_stands_above_the_progress(service, terminal, waiting_job, broker, to_broker):
-    submit = terminal("submit", *to_broker, "-q", "0", "--id", "7", "wait", '"done"')
+    submit = terminal("submit", *to_broker, "--id", "7", "wait", '"done"')
     waiting_job.wait_until_running()
     submit.wait_for("Waiting for the result of job 7")
     broker.stop()
@@ -190,7 +190,7 @@ def test_note_stands_above_the_progress(service, terminal, waiting_job, broker, 
 
 def test_ctrl_c_ends_the_wait_and_leaves_the_job(service, terminal, pexctl, server, waiting_job,
                                                  to_broker):
-    submit = terminal("submit", *to_broker, "-q", "0", "--id", "7", "wait", '"later"')
+    submit = terminal("submit", *to_broker, "--id", "7", "wait", '"later"')
     waiting_job.wait_until_running()
     submit.wait_for("Waiting for the result of job 7")
     submit.type(b"\x03")
@@ -219,8 +219,9 @@ def test_each_step_has_its_progress(terminal):
         connection.expect_packet()
         submit.wait_for(f"Connecting to {peer.name} (")
         connection.send(connack())
-        for _ in range(3):
+        for _ in range(2):
             connection.send(suback(int.from_bytes(connection.expect_packet()[2:4], "big"), 1))
+        submit.wait_for(f"Receiving what {peer.name} retains (")
         request = connection.expect_packet()
         submit.wait_for(f"Sending to {peer.name} (")
         connection.send(puback(int.from_bytes(request[12:14], "big")))

@@ -73,6 +73,7 @@ def test_version(pexctl):
     (["list", "--as", "text"], None, "list "),
     (["run", "a", "1", "--msgpack", "f"], "ARGS excludes --msgpack", "run "),
     (["run", "a", "--as", "xml"], "--as: xml not in {auto,hex,json,raw,text}", "run "),
+    (["submit", "a", "-q", "0"], None, "submit "),
     (["submit", "a", "-q", "3"], None, "submit "),
     (["submit", "a", "-q", "x"], None, "submit "),
     (["submit", "a", "-W", "-1"], "--timeout: Value -1 not in range 0 to 1000000000", "submit "),
