@@ -11,8 +11,9 @@ import time
 
 import msgpack
 
-RIGHT, AFTER_LOSS, TWICE, SENT_AGAIN, WRONG, MISSING = OUTCOMES = (
-    "right", "after a loss", "twice", "sent again", "wrong", "missing")
+RIGHT, AFTER_LOSS, REDELIVERED, REPUBLISHED, SENT_AGAIN, WRONG, MISSING = OUTCOMES = (
+    "right", "after a loss", "redelivered", "republished", "sent again", "wrong", "missing")
+COPIES = (REDELIVERED, REPUBLISHED)  # the broker sent an answer twice, or the service did
 
 SCRIPTS = {
     "echo": "return args",
@@ -135,11 +136,11 @@ class Job:
 class Step:
     """One message to the service, a request or a withdrawal: each is answered by one message."""
 
-    __slots__ = ("job", "is_request", "sequence", "sent_at", "at_broker", "loss", "surplus")
+    __slots__ = ("job", "is_request", "sequence", "sent_at", "at_broker", "loss", "copies")
 
     def __init__(self, job, is_request):
         self.job, self.is_request = job, is_request
-        self.surplus = 0  # how often the answer came once more
+        self.copies = set()  # how the answer came once more
 
     @property
     def expected(self):
@@ -158,7 +159,9 @@ class Loss:
         self.broker_forgets = broker_forgets  # what came after its last save
         self.fence = None   # the request that was sent when all was up again
         self.missed = []    # steps that were not answered
-        self.answered_late = self.twice = 0
+        self.answered_late = 0
+        self.copies = dict.fromkeys(COPIES, 0)
+        self.copy = REPUBLISHED  # how a second copy that comes now was made
 
 
 class Ledger:
@@ -169,9 +172,15 @@ class Ledger:
     the connection has touched, and each loss is followed by a fence: the answer to a request sent
     when all was up again. Then the missed steps are sent again.
 
-    An answer may come twice if the service lost the connection before it had read the broker's
-    acknowledgement. The broker sends that before it can pass on a request which was sent after
-    the answer had come. So an answer counts as acknowledged once such a request was answered.
+    An answer may come twice. The service publishes it again if it lost the connection before it
+    had read the broker's acknowledgement. The broker sends that before it can pass on a request
+    which was sent after the answer had come. So an answer counts as acknowledged once such a
+    request was answered.
+
+    A broker that was killed delivers again what was acknowledged to it since its last save. The
+    packets do not tell whose a copy is: one by the service may even have the packet id of the
+    first. So the caller keeps the service from publishing until the broker has delivered what it
+    kept, and says where that ends.
 
     `publish(number, payload)` sends and returns the packet's id; `tell(text)` gets each anomaly.
     """
@@ -220,6 +229,14 @@ class Ledger:
     def forget_packets(self):
         """To be called when the own connection has ended: nothing more is acknowledged."""
         self._packets.clear()
+
+    def session_returns(self):
+        """To be called before the next connection: what comes first is what the broker kept."""
+        self.loss.copy = REDELIVERED
+
+    def session_is_back(self):
+        """To be called when all of that has come. Before this the service must not publish."""
+        self.loss.copy = REPUBLISHED
 
     def close_loss(self):
         """To be called when the service is subscribed again."""
@@ -304,17 +321,20 @@ class Ledger:
         self.done += job.number > 0
 
     def _is_surplus(self, number, payload):
-        """Whether the message is an answer that may come once more, and counts it. What a broker
-        has forgotten may come from the broker and from the service."""
+        """Whether the message is an answer that may come once more, and counts it: one from the
+        service, and one from a broker that has forgotten the first."""
+        copy = self.loss.copy
+        if copy == REDELIVERED and not self.loss.broker_forgets:
+            return False
         for _, step in self._unconfirmed:
             if (step.job.number == number and step.expected == payload
-                    and step.surplus <= self.loss.broker_forgets):
-                step.surplus += 1
-                self.loss.twice += 1
+                    and copy not in step.copies):
+                step.copies.add(copy)
+                self.loss.copies[copy] += 1
                 if not step.is_request:
                     self.withdrawals["confirmed twice"] += 1
                 elif step.job.outcome in (RIGHT, AFTER_LOSS):
-                    self._count(step.job, TWICE)
+                    self._count(step.job, copy)
                 return True
         return False
 
@@ -387,7 +407,8 @@ class Connection:
     def __init__(self, address, client_id, clean, on_message, on_acknowledged=lambda packet: None):
         self._address, self._id, self._clean = address, client_id.encode(), clean
         self._on_message, self._on_acknowledged = on_message, on_acknowledged
-        self._released = set()   # ids of messages that were taken and not yet released
+        self._taken = {}    # messages that were taken and not yet released, by their packets' ids
+        self._earlier = {}  # the same, of the connection before
         self._packet = 0
         self._socket = None
         self.is_subscribed = False
@@ -395,6 +416,7 @@ class Connection:
     def connect(self):
         """Returns whether the broker still has the session."""
         self._in, self._out = bytearray(), bytearray()
+        self._earlier, self._taken = self._taken, {}
         self._socket = socket.create_connection(self._address, 60)
         self._socket.setsockopt(socket.IPPROTO_TCP, socket.TCP_NODELAY, 1)
         body = (b"\0\4MQTT\4" + bytes([2 * self._clean]) + b"\0\0"
@@ -455,6 +477,10 @@ class Connection:
         if self._socket:
             self._socket.close()
 
+    def forget_earlier(self):
+        """To be called when the broker has delivered what it kept from the connection before."""
+        self._earlier.clear()
+
     def _flush(self):
         try:
             while self._out:
@@ -484,7 +510,8 @@ class Connection:
         elif kind == 4:
             self._on_acknowledged(body[0] << 8 | body[1])
         elif kind == 6:
-            self._released.discard(body)
+            self._taken.pop(body, None)
+            self._earlier.pop(body, None)
             self._out += b"\x70\2" + body
         elif kind == 9:
             self.is_subscribed = 0x80 not in body[2:]
@@ -493,12 +520,14 @@ class Connection:
         start = 2 + (body[0] << 8 | body[1])
         if first & 6:
             packet = body[start:start + 2]
-            is_known = first & 8 and packet in self._released
+            # Whatever the DUP flag: a broker that was killed does not set it if it last saved
+            # before the first delivery. It also gives the ids since then to other messages.
+            is_known = self._earlier.get(packet) == body
             self._out += b"\x50\2" + packet if first & 4 else b"\x40\2" + packet
+            if first & 4:
+                self._taken[packet] = body
             if is_known:
                 return
-            if first & 4:
-                self._released.add(packet)
             start, topic = start + 2, body[2:start]
         else:
             topic = body[2:start]
