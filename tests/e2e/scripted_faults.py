@@ -104,6 +104,7 @@ class Scene:
         self.sent = self.jobs[:1]
         self.watched = [self.jobs[:1]]
         self.waiting = []
+        self._saved = []  # topics whose messages are in the broker's database
         self.broker = Broker(directory, DATABASE if database else "")
         if cable:
             self.broker.host = cable.broker_address
@@ -207,7 +208,7 @@ class Scene:
 
     def restart_broker(self, end):
         """Ends it by `end` of Broker's operations."""
-        self._wait_until_saved()
+        self.wait_until_saved()
         self._drain()
         self.server.close()
         end(self.broker)
@@ -216,14 +217,15 @@ class Scene:
         self.broker.start()
         self.server = Server(self.broker)
 
-    def _wait_until_saved(self):
+    def wait_until_saved(self):
         """The broker has one thread, so a new client is served after the save that began before."""
         retained = [f"'in/cmd/{job.id}'" for job in self.sent if self.retain and self._is_sent]
         retained += [f"'out/cmd/{job.id}'" for job in self.sent if job.received]
-        if self.database and retained:
+        if self.database and retained != self._saved:
             log = self.broker.log()
             self.broker.wait_for("Saving in-memory database", max(map(log.rindex, retained)))
             Server(self.broker).close()
+            self._saved = retained
 
     def believes_in_its_connection(self):
         """The daemon's host, that is."""
@@ -407,6 +409,7 @@ def third_of_five_running(scene):
 
 def third_of_five_handed_over(scene):
     third_of_five_running(scene)
+    scene.wait_until_saved()  # which would take too long later
     scene.hold_back(DAEMON, "PUBLISH")
     scene.finish_slowly(scene.sent[2])
     scene.hold.wait()
