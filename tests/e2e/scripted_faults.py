@@ -1,19 +1,26 @@
-"""One job, one fault at a chosen moment, and what came of the job.
+"""One job, one fault at a chosen moment, and what came of the job. Or several jobs, sent at once.
 
 A Scene is a broker, a proxy, a daemon behind it and an independent server straight at the broker.
 A moment brings the job to where the proxy holds a packet back; a fault is then applied. What is
 held back when a connection ends is lost; where the connection lives, it arrives. Then all is made
-well, and the service must do one more job. The verdict says what came of the first one. It is
-computed from what the server received, how often the script ran, and what the broker retains.
+well, and the service must do one more job. The verdict says what came of the first ones. It is
+computed from what the server received, how often each script ran, and what the broker retains.
+
+While requests wait, the daemon gives a result a twentieth of its job's time to be acknowledged. If
+that is too short for a busy machine, the moment of the fault is Missed, and the cell is tried again
+with longer jobs. A daemon that misses it with the longest ones, too, fails the test.
 """
 
+import concurrent.futures
 import contextlib
+import re
 import signal
 import socket
 import threading
+import time
 from typing import Callable, NamedTuple
 
-from harness import Broker, Scripts, Server, Service, request
+from harness import DEADLINE, Broker, Scripts, Server, Service, request, wait_until
 from scripted_broker import connack, connect
 from scripted_job import GatedJob
 from scripted_network import Cable, on_host
@@ -30,13 +37,23 @@ AWAY = "lost: away"
 UNACKNOWLEDGED = "lost: unacknowledged"
 NO_DATABASE = "lost: no database"
 KILLED = "lost: killed"
+DROPPED = "lost: dropped"
+
+JOB_LENGTHS = (1, 4, 16)  # seconds, one attempt each
+
+
+class Missed(Exception):
+    """The daemon went on to its next job, so that the fault met another moment."""
 
 
 class CountedJob(GatedJob):
-    """A script that answers how often it has run. Waits for open(), too, until abandon()."""
+    """A script that answers how often it has run. Waits for the first let_go(), too."""
 
-    def __init__(self, scripts):
-        self._runs = scripts.directory / "runs"
+    def __init__(self, scripts, job_id):
+        self.id = job_id
+        self.waits = True
+        self.received = []  # by the server
+        self._runs = scripts.directory / (job_id + ".runs")
         self._text = f"""
             local file = io.open("{self._runs}", "a")
             file:write("x")
@@ -52,27 +69,42 @@ class CountedJob(GatedJob):
             end
             return "run " .. runs
         """
-        super().__init__(scripts)
+        super().__init__(scripts, "job-" + job_id)
+
+    def let_go(self):
+        if self.waits:
+            self.waits = False
+            self.abandon()
 
     def runs(self):
         return len(self._runs.read_bytes()) if self._runs.exists() else 0
 
 
 class Scene:
-    """`retain` is the request's flag. With a `cable`, the daemon is at its far end."""
+    """`retain` is the requests' flag. With a `cable`, the daemon is at its far end. `job_length`,
+    in seconds, is that of the jobs whose results are to be acknowledged while others wait.
 
-    def __init__(self, directory, endings, retain, database=False, cable=None):
-        directory.mkdir(exist_ok=True)
+    The verdict is that of `watched`: groups of jobs, whose verdicts stand between semicolons. The
+    requests of `waiting` are in the daemon, behind another job.
+    """
+
+    def __init__(self, directory, endings, retain, database=False, cable=None, job_length=1):
+        directory.mkdir(parents=True, exist_ok=True)
         self.retain = retain
         self.database = database
         self._cable = cable
         self.endings = endings
+        self.job_length = job_length
         self.hold = None
-        self._is_sent = self._is_withdrawn = self._was_killed = False
-        self._live = []  # what the server has received of the job
+        self._is_sent = self._is_withdrawn = self._was_killed = self._was_broker_restarted = False
         scripts = Scripts(directory / "scripts")
         scripts.add("fresh", "return 'fresh'")
-        self.job = CountedJob(scripts)
+        self.jobs = [CountedJob(scripts, str(number)) for number in range(1, 6)]
+        self.job = self.jobs[0]
+        self.sent = self.jobs[:1]
+        self.watched = [self.jobs[:1]]
+        self.waiting = []
+        self._saved = []  # topics whose messages are in the broker's database
         self.broker = Broker(directory, DATABASE if database else "")
         if cable:
             self.broker.host = cable.broker_address
@@ -87,8 +119,7 @@ class Scene:
             "server_comms.port": self.proxy.port,
         })
         endings.callback(self.service.finish)
-        self.job_waits = True
-        endings.callback(self.let_the_job_go_on)
+        endings.callback(self.let_the_jobs_go_on)
 
     # The way to the moment.
 
@@ -104,7 +135,8 @@ class Scene:
         self.hold = self.proxy.hold(sender, kind)
 
     def send(self):
-        self.server.publish("1", self.job.request, retain=self.retain)
+        for job in self.sent:
+            self.server.publish(job.id, job.request, retain=self.retain)
         self._is_sent = True
 
     def finish_job(self):
@@ -113,6 +145,31 @@ class Scene:
         result = self.server.result()
         assert (result.topic, result.payload) == ("out/cmd/1", b"run 1")
         self.proxy.wait_until_passed(BROKER, "PUBCOMP")
+
+    def have_requests_wait(self, count):
+        """Sends so many at once. The first job has run then, and the second one runs."""
+        self.sent = first, second, *_ = self.jobs[:count]
+        self.start_up()
+        self.send()
+        first.wait_until_running()
+        self.proxy.wait_until_passed(BROKER, "PUBLISH", count)
+        first.let_go()
+        second.wait_until_running()
+        self.proxy.wait_until_passed(DAEMON, "PUBACK", count)
+
+    def finish_slowly(self, job):
+        """Ends a running job after its length, so that its result has time."""
+        time.sleep(self.job_length)
+        job.let_go()
+
+    def receive_acknowledged(self, jobs):
+        """The results of all jobs that have returned, while the next one runs."""
+        unread = [row for row in self.service.tcp_table() if not row[4].endswith(":00000000")]
+        if unread or not self.proxy.has_passed(BROKER, "PUBCOMP", len(jobs)):
+            raise Missed("a result was not acknowledged when the next job began")
+        for job in jobs:
+            self._receive()
+            assert job.received == [b"run 1"], job.received
 
     def withdraw(self):
         self.server.publish("1", b"", retain=self.retain)
@@ -124,36 +181,51 @@ class Scene:
         """All that the fault does not keep from happening."""
         if self.hold:
             self.hold.release()
-        self.let_the_job_go_on()
+        self.let_the_jobs_go_on()
         if not self._is_sent:
             self.send()
 
-    def let_the_job_go_on(self):
-        if self.job_waits:
-            self.job_waits = False
-            self.job.abandon()
+    def let_the_jobs_go_on(self):
+        for job in self.jobs:
+            job.let_go()
+
+    def is_a_job_held(self):
+        return any(job.waits for job in self.sent)
+
+    def run_all_that_waits(self):
+        """What the daemon does when a result is not acknowledged in its time."""
+        if self.hold:
+            for job in self.waiting:
+                wait_until(job.runs, "the end of the result's time")
+            self.waiting = []
 
     def kill_service(self):
         self.service.signal(signal.SIGKILL)
         assert self.service.wait() == -signal.SIGKILL
         self._was_killed = True
+        if any(self._has_begun(job) for job in self.waiting):
+            raise Missed("a job that was to wait began before the daemon was killed")
 
     def restart_broker(self, end):
         """Ends it by `end` of Broker's operations."""
-        if self.database and self.retain and self._is_sent:
-            self._wait_until_saved()
+        self.wait_until_saved()
         self._drain()
         self.server.close()
         end(self.broker)
+        self._was_broker_restarted = True
         self.proxy.wait_until_empty()
         self.broker.start()
         self.server = Server(self.broker)
 
-    def _wait_until_saved(self):
+    def wait_until_saved(self):
         """The broker has one thread, so a new client is served after the save that began before."""
-        log = self.broker.log()
-        self.broker.wait_for("Saving in-memory database", log.rindex("'in/cmd/1'"))
-        Server(self.broker).close()
+        retained = [f"'in/cmd/{job.id}'" for job in self.sent if self.retain and self._is_sent]
+        retained += [f"'out/cmd/{job.id}'" for job in self.sent if job.received]
+        if self.database and retained != self._saved:
+            log = self.broker.log()
+            self.broker.wait_for("Saving in-memory database", max(map(log.rindex, retained)))
+            Server(self.broker).close()
+            self._saved = retained
 
     def believes_in_its_connection(self):
         """The daemon's host, that is."""
@@ -165,7 +237,7 @@ class Scene:
         """Makes all well and returns the verdict. `alive`: the daemon has its first connection."""
         self.go_on()
         self._drain()
-        early = len(self._live)
+        early = {job for job in self.sent if job.received or alive}
         mark = 0
         if not alive:
             mark = self.broker.mark()
@@ -177,7 +249,9 @@ class Scene:
         self._receive_until("out/cmd/fresh")
         if alive:
             assert len(self.broker.lines(" as command_service ")) == 1
-        return self._verdict(early or alive)
+        elif not self._was_killed:
+            self._expect_records_of_the_dropped()
+        return self._verdict(early)
 
     def _drain(self):
         """Receives what is on its way to the server."""
@@ -185,17 +259,66 @@ class Scene:
         self._receive_until("out/cmd/fence")
 
     def _receive_until(self, topic):
-        while (message := self.server.result()).topic != topic:
-            assert message.topic == "out/cmd/1", message.topic
-            if not message.retain:  # or a new subscription has shown what was there already
-                self._live.append(message.payload)
+        while self._receive() != topic:
+            pass
+
+    def _receive(self):
+        message = self.server.result()
+        jobs = {"out/cmd/" + job.id: job for job in self.sent}
+        assert message.topic in (*jobs, "out/cmd/fence", "out/cmd/fresh"), message.topic
+        # Or a new subscription has shown what was there already.
+        if message.topic in jobs and not message.retain:
+            jobs[message.topic].received.append(message.payload)
+        return message.topic
+
+    def _has_begun(self, job):
+        return self._is_recorded("job_id: " + job.id)
+
+    def _is_acted_on(self, job):
+        if self._is_withdrawn:
+            return self._is_recorded(f"server has deregistered {job.id} job")
+        return self._has_begun(job)
+
+    def _is_recorded(self, text):
+        return any(record.message.endswith(text) for record in self.service.records())
+
+    def _sent_to_daemon(self, job):
+        """What the broker's log says of it."""
+        text = rf"Sending PUBLISH to command_service \(.*, m(\d+), 'in/cmd/{job.id}'"
+        return list(re.finditer(text, self.broker.log()))
+
+    def _is_acknowledged(self, job):
+        """What the broker has sent of it last."""
+        sent = self._sent_to_daemon(job)
+        if not sent:
+            return False
+        connection = self.broker.log(sent[-1].end()).partition(" as command_service ")[0]
+        return f"PUBACK from command_service (Mid: {sent[-1][1]}," in connection
+
+    def _dropped(self, job):
+        text = f"so the message on in/cmd/{job.id} is not handled"
+        return [record for record in self.service.records("ERROR") if text in record.message]
+
+    def _expect_records_of_the_dropped(self):
+        dropped = [job for job in self.sent if self._dropped(job)]
+        if self.hold and dropped != self.waiting:
+            raise Missed("a job that was to wait began before the connection ended")
+        assert dropped == self.waiting
+        assert all(len(self._dropped(job)) == 1 for job in dropped)
 
     def _verdict(self, early):
         retained = {message.topic: message.payload for message in self.server.all_retained("#")}
-        if not self._live:
-            return self._loss(retained)
-        assert retained.get("out/cmd/1", b"") == self._live[-1], retained
-        assert self._live[-1] or "in/cmd/1" not in retained, retained
+        groups = [{self._verdict_of(job, job in early, retained) for job in jobs}
+                  for jobs in self.watched]
+        return "; ".join(" and ".join(sorted(verdicts)) for verdicts in groups)
+
+    def _verdict_of(self, job, early, retained):
+        if not job.received:
+            return self._loss(job, retained)
+        request_topic, topic = "in/cmd/" + job.id, "out/cmd/" + job.id
+        forgotten = self._was_broker_restarted and not self.database and topic not in retained
+        assert forgotten or retained.get(topic, b"") == job.received[-1], retained
+        assert job.received[-1] or request_topic not in retained, retained
         verdicts = {
             (1, b""): "withdrawn",
             (1, b"", b""): "withdrawn twice",
@@ -205,26 +328,27 @@ class Scene:
             (2, b"run 2"): "again only",
             (2, b"run 1", b"run 1", b"run 2"): "twice, again",
         }
-        seen = (self.job.runs(), *self._live)
-        return verdicts.get(seen, f"unforeseen: {seen}")
+        seen = (job.runs(), *job.received)
+        verdict = verdicts.get(seen, f"unforeseen: {seen}")
+        return verdict + ", forgotten" if forgotten and job.received[-1] else verdict
 
-    def _loss(self, retained):
+    def _loss(self, job, retained):
         """Which of the losses it is that cannot be avoided."""
-        asked_for = "server has deregistered 1 job" if self._is_withdrawn else "job_id: 1"
-        if any(asked_for in record.message for record in self.service.records()):
+        if self._is_acted_on(job) or (self._was_killed and self._is_acknowledged(job)):
             assert self._was_killed, "lost by a daemon that has stopped well or runs"
             return KILLED
         if self.retain and not self._is_withdrawn:
-            assert not self.database and "in/cmd/1" not in retained, retained
+            assert not self.database and "in/cmd/" + job.id not in retained, retained
             return NO_DATABASE
-        sent = [line for line in self.broker.lines("Sending PUBLISH to command_service")
-                if "'in/cmd/1'" in line]
-        return UNACKNOWLEDGED if len(sent) > self._is_withdrawn else AWAY
+        if self._dropped(job):
+            return DROPPED
+        assert not self._is_acknowledged(job), "lost without a word by a daemon that runs"
+        return UNACKNOWLEDGED if len(self._sent_to_daemon(job)) > self._is_withdrawn else AWAY
 
 
 def idle(scene):
     """The request is sent while the fault lasts."""
-    scene.let_the_job_go_on()
+    scene.let_the_jobs_go_on()
     scene.start_up()
 
 
@@ -237,7 +361,7 @@ def job_running(scene):
 def held_opening(sender, kind):
     """A packet that opens the connection; the request is sent meanwhile."""
     def reach(scene):
-        scene.let_the_job_go_on()
+        scene.let_the_jobs_go_on()
         scene.hold_back(sender, kind)
         scene.start_service()
         scene.hold.wait()
@@ -249,7 +373,7 @@ def held_opening(sender, kind):
 def held_job(sender, kind):
     """A packet of the job."""
     def reach(scene):
-        scene.let_the_job_go_on()
+        scene.let_the_jobs_go_on()
         scene.start_up()
         scene.hold_back(sender, kind)
         scene.send()
@@ -261,7 +385,7 @@ def held_job(sender, kind):
 def held_withdrawal(sender, kind):
     """A packet of the withdrawal of a job that is done."""
     def reach(scene):
-        scene.let_the_job_go_on()
+        scene.let_the_jobs_go_on()
         scene.start_up()
         scene.finish_job()
         scene.hold_back(sender, kind)
@@ -269,6 +393,34 @@ def held_withdrawal(sender, kind):
         scene.hold.wait()
 
     return reach
+
+
+def third_of_five_running(scene):
+    scene.have_requests_wait(5)
+    first, second, third, *waiting = scene.sent
+    scene.finish_slowly(second)
+    third.wait_until_running()
+    scene.receive_acknowledged([first, second])
+    scene.watched = [[first, second], [third], waiting]
+    scene.waiting = waiting
+    for job in waiting:
+        job.let_go()
+
+
+def third_of_five_handed_over(scene):
+    third_of_five_running(scene)
+    scene.wait_until_saved()  # which would take too long later
+    scene.hold_back(DAEMON, "PUBLISH")
+    scene.finish_slowly(scene.sent[2])
+    scene.hold.wait()
+
+
+def waiting_acknowledged(scene):
+    """The third request waits behind the second one."""
+    scene.have_requests_wait(3)
+    scene.waiting = scene.sent[2:]
+    scene.watched = [scene.waiting]
+    scene.waiting[0].let_go()
 
 
 MOMENTS = {
@@ -280,6 +432,9 @@ MOMENTS = {
     "PUBREC pending": held_job(BROKER, "PUBREC"),
     "PUBREL pending": held_job(DAEMON, "PUBREL"),
     "withdrawal": held_withdrawal(DAEMON, "PUBLISH"),
+    "job 3 of 5 running": third_of_five_running,
+    "result 3 of 5 handed over": third_of_five_handed_over,
+    "acknowledged, waiting": waiting_acknowledged,
 }
 
 
@@ -321,8 +476,10 @@ def cut_within_next(sender):
         hold = scene.hold
         if not hold or hold.sender != sender:
             hold = scene.proxy.hold(sender, ANY)
+            if scene.waiting and scene.is_a_job_held():
+                time.sleep(scene.job_length)
             scene.go_on()
-            hold.wait()
+            scene.hold = hold.wait()
         scene.proxy.shut()
         hold.cut(len(hold.packet) // 2)
 
@@ -342,11 +499,11 @@ def take_client_id(scene):
 def stop_daemon(number):
     def strike(scene):
         scene.service.signal(number)
-        if not scene.job_waits:
+        if not scene.is_a_job_held():
             scene.service.wait_for_record("Closing server comms service")
         if scene.hold:
             scene.hold.release()
-        scene.let_the_job_go_on()
+        scene.let_the_jobs_go_on()
         assert scene.service.wait() == 0
         scene.proxy.wait_until_empty()
         scene.proxy.shut()
@@ -405,12 +562,23 @@ PLACES = {
 
 
 def verdict_of_fault(directory, fault, moment, retain):
-    fault = FAULTS[fault]
-    with contextlib.ExitStack() as endings:
-        scene = Scene(directory, endings, retain, fault.database)
-        MOMENTS[moment](scene)
-        fault.strike(scene)
-        return scene.end_well(fault.alive)
+    def attempt(directory, job_length):
+        with contextlib.ExitStack() as endings:
+            scene = Scene(directory, endings, retain, FAULTS[fault].database,
+                          job_length=job_length)
+            MOMENTS[moment](scene)
+            FAULTS[fault].strike(scene)
+            return scene.end_well(FAULTS[fault].alive)
+
+    return try_with_longer_jobs(directory, attempt)
+
+
+def try_with_longer_jobs(directory, attempt):
+    *first_lengths, last_length = JOB_LENGTHS
+    for job_length in first_lengths:
+        with contextlib.suppress(Missed):
+            return attempt(directory / str(job_length), job_length)
+    return attempt(directory / str(last_length), last_length)
 
 
 def verdict_of_cut(directory, packet, place, retain):
@@ -422,27 +590,50 @@ def verdict_of_cut(directory, packet, place, retain):
         return scene.end_well(alive=False)
 
 
-def verdicts_of_half_open(directory):
+def verdicts_of_half_open(directory, moments):
     """The broker is killed and restarted while the cable to the daemon is out. The daemon's host
     still believes in the connection, and no one on the other host knows it. What the daemon sends
     next is answered by a reset; where it has nothing to send, the kernel's probe finds out, after
     20 s. So all moments share one time, with a daemon each. By moment and retain flag."""
-    with contextlib.ExitStack() as endings:
-        cable = Cable()
-        endings.callback(cable.remove)
-        endings.enter_context(on_host(cable.broker_side))
-        cells = [(moment, retain) for moment in MOMENTS for retain in (False, True)]
-        scenes = {
-            (moment, retain): Scene(directory / str(number), endings, retain, True, cable)
-            for number, (moment, retain) in enumerate(cells)}
-        for (moment, _), scene in scenes.items():
-            MOMENTS[moment](scene)
-        cable.unplug()
-        for scene in scenes.values():
-            reset(scene)  # which does not get through
-            scene.restart_broker(Broker.kill)
-        cable.plug_in()
-        assert all(scene.believes_in_its_connection() for scene in scenes.values())
-        for scene in scenes.values():
-            scene.go_on()
-        return {cell: scene.end_well(alive=False) for cell, scene in scenes.items()}
+    cells = [(moment, retain) for moment in moments for retain in (False, True)]
+
+    def attempt(directory, job_length):
+        with contextlib.ExitStack() as endings:
+            cable = Cable()
+            endings.callback(cable.remove)
+            endings.enter_context(on_host(cable.broker_side))
+            scenes = {
+                (moment, retain): Scene(directory / str(number), endings, retain, True, cable,
+                                        job_length)
+                for number, (moment, retain) in enumerate(cells)}
+            reach_all_at_once(scenes)
+            cable.unplug()
+            for scene in scenes.values():
+                reset(scene)  # which does not get through
+                scene.restart_broker(Broker.kill)
+            cable.plug_in()
+            assert all(scene.believes_in_its_connection() for scene in scenes.values())
+            for scene in scenes.values():
+                wait_until_carried(cable, scene.broker)
+            for scene in scenes.values():
+                scene.go_on()
+            return {cell: scene.end_well(alive=False) for cell, scene in scenes.items()}
+
+    return try_with_longer_jobs(directory, attempt)
+
+
+def reach_all_at_once(scenes):
+    """Before the kernel's first probe."""
+    def reach(cell):
+        MOMENTS[cell[0]](scenes[cell])
+        scenes[cell].run_all_that_waits()
+
+    with concurrent.futures.ThreadPoolExecutor() as pool:
+        list(pool.map(reach, scenes))
+
+
+def wait_until_carried(cable, broker):
+    """The kernel takes up to a second to see that the cable is in, and the daemon's result would
+    wait for that."""
+    with on_host(cable.daemon_side):
+        socket.create_connection((broker.host, broker.port), DEADLINE).close()

@@ -133,8 +133,15 @@ class Proxy:
     def wait_until_empty(self):
         wait_until(lambda: not self._flows, "the end of the connection")
 
-    def wait_until_passed(self, sender, kind):
-        wait_until(lambda: (sender, kind) in self._passed, f"a {kind} of the {sender}")
+    def wait_until_passed(self, sender, kind, count=1):
+        """Waits until so many of these packets are with the other side, read or not."""
+        wait_until(lambda: self.has_passed(sender, kind, count), f"{count} {kind} of the {sender}")
+
+    def has_passed(self, sender, kind, count):
+        with self._lock:
+            return self._passed.count((sender, kind)) >= count and not any(
+                has_bytes_on_their_way(flow.target) for flow in self._flows.values()
+                if flow.sender == sender)
 
     def release(self, flow, packet):
         """Lets `packet` pass, and those behind it, if it is still held back."""
@@ -261,8 +268,13 @@ class Proxy:
 
 def is_read(sock):
     """Whether the other side has read all that was sent."""
-    on_its_way = fcntl.ioctl(sock, termios.TIOCOUTQ, bytes(4)) != bytes(4)
-    return not on_its_way and not unread_bytes(sock.getpeername()[1], sock.getsockname()[1])
+    return not (has_bytes_on_their_way(sock) or
+                unread_bytes(sock.getpeername()[1], sock.getsockname()[1]))
+
+
+def has_bytes_on_their_way(sock):
+    """Whether the other side's kernel has not confirmed all that was sent."""
+    return fcntl.ioctl(sock, termios.TIOCOUTQ, bytes(4)) != bytes(4)
 
 
 def reset(sock):

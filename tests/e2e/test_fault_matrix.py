@@ -36,17 +36,41 @@ TWICE = ("twice", "twice, again")
 WITHDRAWN = ("withdrawn", "withdrawn")
 WITHDRAWN_TWICE = ("withdrawn twice", "withdrawn twice")
 CONNECTING = ("lost: away", "once")
+DROPPED = ("lost: dropped", "later")
+DROPPED_WITHOUT_DATABASE = ("lost: dropped", "lost: no database")
+WAITING_KILLED = ("lost: killed", "later")
 
-MOMENTS = ["idle", "connecting", "request on its way", "job running", "result handed over",
-           "PUBREC pending", "PUBREL pending", "withdrawal"]
+
+def of_three(*pairs):
+    """The verdicts of the jobs that had returned, of the third one, and of those that waited."""
+    return tuple("; ".join(verdicts) for verdicts in zip(*pairs))
+
+
+FORGOTTEN = ("once, forgotten", "once, forgotten")
+THREE_AT_FORGETFUL_BROKER = of_three(FORGOTTEN, LATER, DROPPED_WITHOUT_DATABASE)
+THREE_LOST = of_three(ONCE_OR_AGAIN, LATER_OR_AGAIN, DROPPED)
+THREE_RUN = of_three(ONCE_OR_AGAIN, LATER_OR_AGAIN, LATER_OR_AGAIN)
+THREE_LIVE = of_three(ONCE, ONCE, ONCE)
+THREE_STOPPED = of_three(ONCE_OR_AGAIN, ONCE_OR_AGAIN, DROPPED)
+THREE_KILLED = of_three(ONCE_OR_AGAIN, KILLED, WAITING_KILLED)
+
+MOMENTS_OF_ONE_JOB = ["idle", "connecting", "request on its way", "job running",
+                      "result handed over", "PUBREC pending", "PUBREL pending", "withdrawal"]
+MOMENTS_WHILE_OTHERS_WAIT = ["job 3 of 5 running", "result 3 of 5 handed over",
+                             "acknowledged, waiting"]
+MOMENTS = MOMENTS_OF_ONE_JOB + MOMENTS_WHILE_OTHERS_WAIT
 
 FORGETFUL_BROKER = [AWAY, WITHOUT_DATABASE, UNACKNOWLEDGED_WITHOUT_DATABASE, LATER, LATER, LATER,
-                    LATER, WITHDRAWN]
+                    LATER, WITHDRAWN, THREE_AT_FORGETFUL_BROKER, THREE_AT_FORGETFUL_BROKER,
+                    DROPPED_WITHOUT_DATABASE]
 CONNECTION_LOST = [AWAY, AWAY, UNACKNOWLEDGED, LATER_OR_AGAIN, LATER_OR_AGAIN, LATER_OR_AGAIN,
-                   LATER_OR_AGAIN, WITHDRAWN]
-CONNECTION_LIVES = [ONCE, CONNECTING, ONCE, ONCE, ONCE, ONCE, ONCE, WITHDRAWN]
+                   LATER_OR_AGAIN, WITHDRAWN, THREE_LOST, THREE_LOST, DROPPED]
+# The third result's time is over before the daemon learns of it.
+CONNECTION_HALF_OPEN = [*CONNECTION_LOST[:9], THREE_RUN, DROPPED]
+CONNECTION_LIVES = [ONCE, CONNECTING, ONCE, ONCE, ONCE, ONCE, ONCE, WITHDRAWN, THREE_LIVE,
+                    THREE_LIVE, ONCE]
 DAEMON_STOPPED = [AWAY, AWAY, UNACKNOWLEDGED, ONCE_OR_AGAIN, ONCE_OR_AGAIN, ONCE_OR_AGAIN,
-                  ONCE_OR_AGAIN, WITHDRAWN]
+                  ONCE_OR_AGAIN, WITHDRAWN, THREE_STOPPED, THREE_STOPPED, DROPPED]
 
 FAULTS = {
     "broker killed": FORGETFUL_BROKER,
@@ -55,19 +79,20 @@ FAULTS = {
     "broker stopped, with its database": CONNECTION_LOST,
     "broker frozen": CONNECTION_LIVES,
     "connection reset": CONNECTION_LOST,
-    "connection half-open": CONNECTION_LOST,
+    "connection half-open": CONNECTION_HALF_OPEN,
     "connection slow": CONNECTION_LIVES,
     "cut within a packet to the broker": [
         LATER_OR_AGAIN, AWAY, LATER_OR_AGAIN, LATER_OR_AGAIN, LATER_OR_AGAIN, LATER_OR_AGAIN,
-        LATER_OR_AGAIN, WITHDRAWN],
+        LATER_OR_AGAIN, WITHDRAWN, THREE_LOST, THREE_LOST, DROPPED],
     "cut within a packet to the daemon": [
         UNACKNOWLEDGED, AWAY, UNACKNOWLEDGED, LATER_OR_AGAIN, LATER_OR_AGAIN, LATER_OR_AGAIN,
-        TWICE, WITHDRAWN],
+        TWICE, WITHDRAWN, THREE_LOST, THREE_LOST, DROPPED],
     "client id taken": CONNECTION_LOST,
     "daemon stopped by SIGTERM": DAEMON_STOPPED,
     "daemon stopped by SIGINT": DAEMON_STOPPED,
     "daemon killed": [
-        AWAY, AWAY, UNACKNOWLEDGED, KILLED, KILLED, KILLED, KILLED, WITHDRAWAL_KILLED],
+        AWAY, AWAY, UNACKNOWLEDGED, KILLED, KILLED, KILLED, KILLED, WITHDRAWAL_KILLED,
+        THREE_KILLED, THREE_KILLED, WAITING_KILLED],
 }
 
 PLACES = ["before its first byte", "after its first byte", "in its middle", "before its last byte",
@@ -122,17 +147,19 @@ def note(table, row, column, retain, verdict):
         os.close(file)
 
 
-def test_every_connection_comes_back_from_being_half_open(tmp_path):
+@pytest.mark.parametrize("moments", [MOMENTS_OF_ONE_JOB, MOMENTS_WHILE_OTHERS_WAIT],
+                         ids=["one job", "others wait"])
+def test_every_connection_comes_back_from_being_half_open(tmp_path, moments):
     """First of all, since it takes 20 s, in which other workers do the rest."""
     skip_under_a_wrapper()
     if missing():
         pytest.skip(missing())
-    verdicts = scripted_faults.verdicts_of_half_open(tmp_path)
+    verdicts = scripted_faults.verdicts_of_half_open(tmp_path, moments)
     for (moment, retain), verdict in verdicts.items():
         note("faults", "connection half-open", moment, retain, verdict)
     assert verdicts == {
         (moment, retain): expected(FAULTS, MOMENTS, "connection half-open", moment, retain)
-        for moment in MOMENTS for retain in (False, True)}
+        for moment in moments for retain in (False, True)}
 
 
 @RETAIN
