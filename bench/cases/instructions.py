@@ -142,6 +142,8 @@ def cause(caller, callee):
     if not from_service:
         return None
     arguments = is_for_arguments(caller)
+    if callee.name == "lua_pcallk" and qualified(caller.name) != "pex::LuaVM::executeScript":
+        return STATE  # the set-up is called protected, too
     if to.startswith("liblua"):
         return LUA.get(callee.name, None if arguments else VALUES)
     if to.startswith("libstdc++") and "ostream" in callee.name and not arguments:

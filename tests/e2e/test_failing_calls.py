@@ -433,7 +433,7 @@ def test_every_allocation_while_the_connection_is_lost_and_made_again(
     for number in itertools.count(1):
         rig.faults.skip(6)
         harmed = rig.harm(payload, "allocation", number, errno.ENOMEM, times,
-                          further_plan=("sending", 4, errno.ECONNRESET))
+                          further_plan=("sending", 4, errno.ECONNRESET, 2))
         if harmed is None:
             break
         outcomes[harmed.outcome(right, NO_MEMORY)] += 1
