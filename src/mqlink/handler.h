@@ -20,8 +20,8 @@ public:
     Handler& operator=(const Handler&) = delete;
 
     /// Runs inside Client::loop(), on its thread. `vars` and `msg` are borrowed for this call. May
-    /// publish through `client`, but must not call its loop functions (libmosquitto would
-    /// deadlock). What it throws is logged by the client and goes no further.
+    /// publish through `client`, but must not call its start() or loop functions. What it throws is
+    /// logged by the client and goes no further.
     virtual void onMessage(const FilterVariables& vars, const mosquitto_message* msg,
                            Client& client) = 0;
     virtual ~Handler();
