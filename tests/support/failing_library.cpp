@@ -255,8 +255,8 @@ int ppoll(pollfd* descriptors, nfds_t number, const timespec* limit, const sigse
     if (page == nullptr || limit == nullptr || (limit->tv_sec == 0 && limit->tv_nsec == 0)) {
         return real(descriptors, number, limit, mask);
     }
-    const long long slices = limit->tv_sec * 1000LL * slices_per_ms +
-                             limit->tv_nsec / (1000000 / slices_per_ms);
+    const long long slices =
+        limit->tv_sec * 1000LL * slices_per_ms + limit->tv_nsec / (1000000 / slices_per_ms);
     const timespec slice = {0, 1000000 / slices_per_ms};
     int ready = 0;
     for (long long waited = 0; ready == 0 && waited <= slices; ++waited) {
