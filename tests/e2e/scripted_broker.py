@@ -77,6 +77,11 @@ def pubcomp(mid):
 DISCONNECT = packet(0xe0)
 
 
+def options_to(listener):
+    """pexctl's options that lead to whatever listens on `listener.port`."""
+    return ["-h", HOST, "-p", str(listener.port)]
+
+
 def connection_records(service):
     """(priority, message) of what the log tells about the connection: all of the category behind
     the two records of the start."""

@@ -11,9 +11,11 @@ import time
 import pytest
 
 from harness import SHORT_TIMEOUT, Broker, Service, free_port, wait_until
-from scripted_broker import (NOT_AUTHORISED, REFUSED_SUBSCRIPTION, ScriptedBroker, connack, puback,
+from scripted_broker import (NOT_AUTHORISED, REFUSED_SUBSCRIPTION, connack, options_to, puback,
                              publish, suback)
 from test_lifetime import Listener
+
+pytest_plugins = ["scripted_fixtures"]
 
 NOTHING_THERE = (0, b"", "pexctl: The broker holds no results and no retained requests.\n")
 
@@ -49,16 +51,6 @@ def tls(broker, keys):
         broker.start()
 
     return restart
-
-
-@pytest.fixture
-def peer():
-    with ScriptedBroker() as scripted:
-        yield scripted
-
-
-def options_to(peer):
-    return ["-h", "127.0.0.1", "-p", str(peer.port)]
 
 
 @pytest.mark.parametrize("command", [["submit", "greet"], ["attach", "7"], ["withdraw", "7"],

@@ -6,20 +6,12 @@ import signal
 import pytest
 
 from harness import request
-from scripted_broker import (DISCONNECT, REFUSED_SUBSCRIPTION, ScriptedBroker, TreatingBroker,
-                             connack, puback, publish, suback)
+from scripted_broker import (DISCONNECT, REFUSED_SUBSCRIPTION, TreatingBroker, connack,
+                             options_to, puback, publish, suback)
+
+pytest_plugins = ["scripted_fixtures"]
 
 REQUEST_MID = slice(12, 14)  # in a short PUBLISH on in/cmd/7
-
-
-@pytest.fixture
-def peer():
-    with ScriptedBroker() as scripted:
-        yield scripted
-
-
-def options_to(peer):
-    return ["-h", "127.0.0.1", "-p", str(peer.port)]
 
 
 class Subscribed:

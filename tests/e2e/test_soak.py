@@ -5,7 +5,6 @@ of the soak replaced before it starts.
 """
 
 import json
-import os
 import re
 import shlex
 import signal

@@ -200,15 +200,6 @@ TEST_F(ClientStartTest, StartReturnsTheStatusOfTheAttempt)
     EXPECT_EQ(6, fake_mosquitto.count("connect"));
 }
 
-/// The value of a socket option.
-int option_of(int socket, int level, int option)
-{
-    int value = -1;
-    socklen_t length = sizeof value;
-    EXPECT_EQ(0, getsockopt(socket, level, option, &value, &length));
-    return value;
-}
-
 TEST_F(ClientStartTest, EveryConnectionGetsItsSocketOptions)
 {
     build();
@@ -222,8 +213,8 @@ TEST_F(ClientStartTest, EveryConnectionGetsItsSocketOptions)
         };
         start();
         EXPECT_EQ(FD_CLOEXEC, fcntl(socket, F_GETFD));
-        EXPECT_EQ(1, option_of(socket, IPPROTO_TCP, TCP_NODELAY));
-        EXPECT_EQ(1, option_of(socket, SOL_SOCKET, SO_KEEPALIVE));
+        EXPECT_EQ(1, connection.option(IPPROTO_TCP, TCP_NODELAY));
+        EXPECT_EQ(1, connection.option(SOL_SOCKET, SO_KEEPALIVE));
         library().on_connect(0);
         library().on_disconnect(MOSQ_ERR_CONN_LOST);
     }
@@ -275,9 +266,9 @@ TEST_F(ClientStartTest, ThePacketThatEndsAPublicationIsAcknowledgedAtOnce)
     publish();
     const int off = 0;  // as the kernel does after a few answers to packets
     ASSERT_EQ(0, setsockopt(connection.socket(), IPPROTO_TCP, TCP_QUICKACK, &off, sizeof off));
-    ASSERT_EQ(0, option_of(connection.socket(), IPPROTO_TCP, TCP_QUICKACK));
+    ASSERT_EQ(0, connection.option(IPPROTO_TCP, TCP_QUICKACK));
     library().on_publish(1);
-    EXPECT_EQ(1, option_of(connection.socket(), IPPROTO_TCP, TCP_QUICKACK));
+    EXPECT_EQ(1, connection.option(IPPROTO_TCP, TCP_QUICKACK));
 }
 
 using ClientPaceTest = ClientTest;

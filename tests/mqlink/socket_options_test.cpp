@@ -12,25 +12,17 @@
 namespace mqlink {
 namespace {
 
-int option_of(int socket, int level, int option)
-{
-    int value = -1;
-    socklen_t length = sizeof value;
-    EXPECT_EQ(0, getsockopt(socket, level, option, &value, &length));
-    return value;
-}
-
 TEST(SocketOptionsTest, ATcpConnectionGetsAllOfThem)
 {
     const LoopbackConnection connection;
     const int socket = connection.socket();
     set_socket_options(socket);
     EXPECT_EQ(FD_CLOEXEC, fcntl(socket, F_GETFD));
-    EXPECT_EQ(1, option_of(socket, IPPROTO_TCP, TCP_NODELAY));
-    EXPECT_EQ(1, option_of(socket, SOL_SOCKET, SO_KEEPALIVE));
-    EXPECT_EQ(20, option_of(socket, IPPROTO_TCP, TCP_KEEPIDLE));
-    EXPECT_EQ(10, option_of(socket, IPPROTO_TCP, TCP_KEEPINTVL));
-    EXPECT_EQ(45000, option_of(socket, IPPROTO_TCP, TCP_USER_TIMEOUT));
+    EXPECT_EQ(1, connection.option(IPPROTO_TCP, TCP_NODELAY));
+    EXPECT_EQ(1, connection.option(SOL_SOCKET, SO_KEEPALIVE));
+    EXPECT_EQ(20, connection.option(IPPROTO_TCP, TCP_KEEPIDLE));
+    EXPECT_EQ(10, connection.option(IPPROTO_TCP, TCP_KEEPINTVL));
+    EXPECT_EQ(45000, connection.option(IPPROTO_TCP, TCP_USER_TIMEOUT));
 }
 
 TEST(SocketOptionsTest, AUnixSocketIsKeptFromChildrenAndOtherwiseLeftAlone)
@@ -49,7 +41,7 @@ TEST(SocketOptionsTest, TheNextAckIsSentAtOnce)
     const int off = 0;  // as the kernel does after a few answers to packets
     ASSERT_EQ(0, setsockopt(connection.socket(), IPPROTO_TCP, TCP_QUICKACK, &off, sizeof off));
     acknowledge_at_once(connection.socket());
-    EXPECT_EQ(1, option_of(connection.socket(), IPPROTO_TCP, TCP_QUICKACK));
+    EXPECT_EQ(1, connection.option(IPPROTO_TCP, TCP_QUICKACK));
 }
 
 TEST(SocketOptionsTest, BytesCountAsUnsentUntilThePeerHasTakenThem)

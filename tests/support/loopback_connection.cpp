@@ -54,6 +54,14 @@ void LoopbackConnection::send_from_peer(const std::string& bytes)
     require(poll(&readable, 1, 20000) - 1, "receive");
 }
 
+int LoopbackConnection::option(int level, int name) const
+{
+    int value = -1;
+    socklen_t length = sizeof value;
+    require(getsockopt(_near, level, name, &value, &length), "getsockopt");
+    return value;
+}
+
 void LoopbackConnection::reset_from_peer()
 {
     const linger at_once = {1, 0};

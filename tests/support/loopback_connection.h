@@ -12,6 +12,8 @@ public:
 
     /// The client's end.
     int socket() const { return _near; }
+    /// A socket option of the client's end (getsockopt(2)).
+    int option(int level, int name) const;
     /// Returns once the client's end is readable.
     void send_from_peer(const std::string& bytes);
     /// Ends the connection with TCP's RST.
