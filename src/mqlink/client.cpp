@@ -25,6 +25,8 @@ constexpr auto connack_limit = 30s;
 // mosquitto drops acknowledgements, too, while more than max_queued_messages packets wait for a
 // client. MQTT repeats nothing on a living connection (3.1.1, section 4.4).
 constexpr Client::Clock::duration first_patience = 1min;
+// The part of that in which the client must have listened: no job ran.
+constexpr int listening_share = 6;
 constexpr auto delivery_limit = 2s;
 constexpr int connections_per_suspect = 5;
 
@@ -340,8 +342,9 @@ void Client::look_after_connection()
         _link = Link::down;
         _link_log.down("Broker " + _broker + " did not answer the connection request");
     }
-    if (_link == Link::up && !_outbox.empty() && _outbox.waited() > _patience && !want_write() &&
-        !has_unsent_bytes(socket())) {
+    const bool is_overdue = !_outbox.empty() && _outbox.waited() > _patience &&
+                            _outbox.listened() > _patience / listening_share;
+    if (_link == Link::up && is_overdue && !want_write() && !has_unsent_bytes(socket())) {
         give_up_connection();
         _outbox.expect_acknowledgement();
         _patience *= 2;  // on a slow link the acknowledgement may stand behind a large request
@@ -431,7 +434,7 @@ void Client::hand_out()
     const auto begin = Clock::now();
     deliver(&record);
     const auto end = Clock::now();
-    _outbox.extend_wait(end - begin);
+    _outbox.was_deaf(end - begin);
     const auto share = std::min((end - begin) / handshake_share, longest_handshake);
     _handshake_until = end + (share < shortest_handshake ? Clock::duration::zero() : share);
 }

@@ -77,11 +77,12 @@ std::size_t Outbox::count() const
 void Outbox::expect_acknowledgement()
 {
     _waiting_since = std::chrono::steady_clock::now();
+    _deaf = Duration::zero();
 }
 
 std::optional<Outbox::Suspect> Outbox::connection_ended(bool lived)
 {
-    if (_publications.empty() || _publications.front().mid == 0 || waited() >= soon) {
+    if (_publications.empty() || _publications.front().mid == 0 || listened() >= soon) {
         if (lived) {
             _suspicions.clear();
         }

@@ -65,16 +65,19 @@ public:
     void expect_acknowledgement();
     /// How long it has been waited for.
     Duration waited() const { return std::chrono::steady_clock::now() - _waiting_since; }
-    /// Takes `time`, in which nothing could be received, from the wait.
-    void extend_wait(Duration time) { _waiting_since += time; }
+    /// The part of waited() in which it could have been received.
+    Duration listened() const { return waited() - _deaf; }
+    /// Nothing could be received for this long.
+    void was_deaf(Duration time) { _deaf += time; }
     /// Whether the broker has acknowledged any message so far.
     bool has_acknowledgements() const { return _has_acknowledgements; }
 
     // Messages at which connections end
 
     /// The broker, or the network, has ended the connection. Returns the oldest message if it was
-    /// handed over within the last 5 s. Otherwise, and if the connection had `lived`, forgets what
-    /// it suspected and what was dropped. May throw std::bad_alloc.
+    /// handed over within the last 5 s, in which the time of jobs does not count. Otherwise, and if
+    /// the connection had `lived`, forgets what it suspected and what was dropped. May throw
+    /// std::bad_alloc.
     std::optional<Suspect> connection_ended(bool lived);
     /// Removes the suspect, and remembers it.
     void drop(const Suspect& suspect);
@@ -86,6 +89,7 @@ private:
 
     std::deque<Publication> _publications;
     std::chrono::steady_clock::time_point _waiting_since{};
+    Duration _deaf{0};  ///< since then
     bool _has_acknowledgements = false;
     std::map<Key, int> _suspicions;  ///< how many connections ended at it; `dropped` if given up
 };

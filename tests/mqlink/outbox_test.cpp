@@ -136,8 +136,13 @@ TEST_F(OutboxTest, ItTellsHowLongTheOldestMessageWaits)
     outbox.acknowledge(11);
     EXPECT_EQ(0s, outbox.waited());
     clock.advance(10s);
-    outbox.extend_wait(9s);  // a job took so long
-    EXPECT_EQ(1s, outbox.waited());
+    outbox.was_deaf(9s);  // a job took so long
+    EXPECT_EQ(10s, outbox.waited());
+    EXPECT_EQ(1s, outbox.listened());
+    outbox.acknowledge(13);
+    publish(14, "d");
+    clock.advance(2s);
+    EXPECT_EQ(2s, outbox.listened());
 }
 
 TEST_F(OutboxTest, ItRemembersThatThereWasAnAcknowledgement)
@@ -165,6 +170,14 @@ TEST_F(OutboxSuspectTest, TheOldestMessageIsSuspectedIfConnectionsEndSoonAfterIt
         EXPECT_TRUE(suspect->retain);
         EXPECT_EQ(connection, suspect->connections);
     }
+}
+
+TEST_F(OutboxSuspectTest, TheTimeOfAJobDoesNotMakeAnEndALateOne)
+{
+    publish(11, "a");
+    clock.advance(1h);
+    outbox.was_deaf(1h);
+    EXPECT_TRUE(outbox.connection_ended(false));
 }
 
 TEST_F(OutboxSuspectTest, NoMessageIsSuspectedOfALaterEndOrOnAConnectionWithoutIt)
