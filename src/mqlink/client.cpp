@@ -107,7 +107,10 @@ try {
     }
     if (rc != MOSQ_ERR_SUCCESS) {
         _link = Link::down;
-        _link_log.down("Couldn't reach broker " + _broker + ". " + reason(rc));
+        const bool in_handshake = rc == MOSQ_ERR_TLS || rc == MOSQ_ERR_PROTOCOL;
+        const std::string in_tls = in_handshake ? tls_failure() : "";
+        _link_log.down("Couldn't reach broker " + _broker + ". " +
+                       (in_tls.empty() ? reason(rc) : in_tls));
         return rc;
     }
     set_socket_options(socket());
@@ -225,8 +228,11 @@ try {
             look_for_suspect(lived);
         }
     } else if (before == Link::opening) {
-        _link_log.down("Broker " + _broker + " closed the connection without an answer. " +
-                       reason(rc));
+        const std::string in_tls = tls_failure();
+        _link_log.down(in_tls.empty()
+                           ? "Broker " + _broker + " closed the connection without an answer. " +
+                                 reason(rc)
+                           : "Couldn't reach broker " + _broker + ". " + in_tls);
     }
 } catch (...) {
     log_caught("on_disconnect");

@@ -101,6 +101,10 @@ protected:
     /// Called when the broker has answered the subscription of `handler`; logs a refusal.
     virtual void on_subscribed(const Handler& handler, bool granted);
 
+    /// In words, why a TLS connection has ended before the broker's answer, as far as is known;
+    /// empty without TLS. libmosquitto has one status for all causes.
+    virtual std::string tls_failure() const { return ""; }
+
     /// Called after the libmosquitto handle was recreated, before connecting. Override it to set
     /// credentials or TLS again.
     virtual void on_renewed() {}

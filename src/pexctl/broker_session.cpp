@@ -14,6 +14,7 @@
 #include <utility>
 
 #include "pexctl/terminal.h"
+#include "pexctl/tls_failure.h"
 
 namespace pexctl {
 
@@ -214,6 +215,7 @@ void BrokerSession::on_disconnect(int rc)
     }
     const bool was_up = _is_up;
     _is_up = false;
+    _has_ended = true;
     Client::on_disconnect(rc);
     if (was_up && !_ending) {
         count_loss();
@@ -254,9 +256,20 @@ void BrokerSession::on_subscribed(const mqlink::Handler& handler, bool granted)
 
 void BrokerSession::on_log(int level, const char* text)
 {
-    if (level == MOSQ_LOG_ERR) {  // what went wrong with TLS is told here only
+    if (level != MOSQ_LOG_ERR) {
+        return;
+    }
+    if (_connection.uses_tls() && !_is_up) {
+        _tls_texts.push_back(text);
+    } else {
         note(text);
     }
+}
+
+std::string BrokerSession::tls_failure() const
+{
+    return _connection.uses_tls() ? explain_tls_failure(_tls_texts, !_connection.cert_file.empty())
+                                  : "";
 }
 
 void BrokerSession::log_in()
@@ -288,6 +301,9 @@ void BrokerSession::log_in()
 /// connect(2) can be called off, so it runs on a thread of its own, and giving up ends the process.
 void BrokerSession::connect_within(Deadline deadline)
 {
+    _is_up = false;
+    _has_ended = false;
+    _tls_texts.clear();
     std::packaged_task<void()> attempt(
         [this] { start(_connection.host.c_str(), _connection.port); });
     std::future<void> end = attempt.get_future();
@@ -312,8 +328,9 @@ bool BrokerSession::step(const std::string& what, Deadline deadline, millisecond
     show_progress(what);
     const int rc = loop(static_cast<int>(time.count()), 1);
     look_after_losses();
-    if (rc == MOSQ_ERR_TLS) {  // which no callback tells
-        note("Couldn't reach broker " + _name + ". " + mosqpp::strerror(rc));
+    // Some versions of libmosquitto call on_disconnect() for it.
+    if (rc == MOSQ_ERR_TLS && !_is_up && !_has_ended) {
+        note("Couldn't reach broker " + _name + ". " + tls_failure());
     }
     return rc != MOSQ_ERR_NO_CONN && rc != MOSQ_ERR_CONN_LOST;
 }

@@ -83,6 +83,7 @@ private:
     void on_message(const mosquitto_message* message) override;
     void on_subscribed(const mqlink::Handler& handler, bool granted) override;
     void on_log(int level, const char* text) override;
+    std::string tls_failure() const override;
 
     void log_in();
     void connect_within(Deadline deadline);
@@ -92,8 +93,9 @@ private:
     void count_loss();
     void look_after_losses();
 
-    Connection _connection;  ///< with port 0 for a Unix socket
-    std::string _name;       ///< of the broker, for people
+    Connection _connection;               ///< with port 0 for a Unix socket
+    std::string _name;                    ///< of the broker, for people
+    std::vector<std::string> _tls_texts;  ///< libmosquitto's, while a TLS connection is opened
     std::vector<std::unique_ptr<Listener>> _listeners;
     bool _refused = false;
     bool _was_ready = false;
@@ -102,6 +104,7 @@ private:
 
     unsigned _connections = 0;
     bool _is_up = false;
+    bool _has_ended = false;      ///< the present attempt, and the client has said why
     Clock::time_point _up_since;  ///< when the present connection, or else the last one, began
     int _losses = 0;              ///< of connections in a row, the later ones within seconds
 

@@ -1,0 +1,36 @@
+#include "pexctl/tls_failure.h"
+
+#include <algorithm>
+
+namespace pexctl {
+
+std::string explain_tls_failure(const std::vector<std::string>& texts, bool has_certificate)
+{
+    const auto told = [&](const char* part) {
+        return std::any_of(texts.begin(), texts.end(), [&](const std::string& text) {
+            return text.find(part) != std::string::npos;
+        });
+    };
+    if (told("host name verification failed")) {
+        return "Its certificate names another host.";
+    }
+    if (told("alert certificate required")) {
+        return "It wants a certificate: give --cert and --key.";
+    }
+    if (told("alert")) {  // what the broker says of our certificate
+        return "It does not accept the certificate.";
+    }
+    if (told("certificate verify failed")) {
+        return "Its certificate is not trusted, or not valid now.";
+    }
+    const std::string own_fault = "Error: ";  // a file that cannot be used
+    for (const std::string& text : texts) {
+        if (text.compare(0, own_fault.size(), own_fault) == 0) {
+            return text.substr(own_fault.size());
+        }
+    }
+    return std::string("It ended the TLS handshake: it may know no TLS at this port, or ") +
+           (has_certificate ? "not accept the certificate." : "want a certificate.");
+}
+
+}  // namespace pexctl
