@@ -285,14 +285,14 @@ TEST_F(MainTest, AFailedInitialisationIsAnError)
 {
     const struct {
         int status;
-        const char* log;
+        std::string log;
     } cases[] = {
         {MOSQ_ERR_NOMEM,
          "DEBUG [] Initialising mosquitto\n"
          "ERROR [] Couldn't init mosquitto. Out of memory.\n"},
-        {MOSQ_ERR_INVAL,
-         "DEBUG [] Initialising mosquitto\n"
-         "ERROR [] Couldn't init mosquitto. Invalid function arguments provided.\n"},
+        {MOSQ_ERR_INVAL, std::string("DEBUG [] Initialising mosquitto\n"
+                                     "ERROR [] Couldn't init mosquitto. ") +
+                             mosqpp::strerror(MOSQ_ERR_INVAL) + "\n"},
         {-1,
          "DEBUG [] Initialising mosquitto\n"
          "ERROR [] Couldn't init mosquitto. Connection pending.\n"},

@@ -38,10 +38,12 @@ expects it to die by a signal, the test says so.
 """
 
 import contextlib
+import ctypes
 import math
 import os
 import pathlib
 import queue
+import re
 import shlex
 import signal
 import socket
@@ -60,6 +62,7 @@ DEADLINE = 30 * DEADLINE_FACTOR
 # For pexctl's -W where it has to run out. What happens before that must have happened by then.
 SHORT_TIMEOUT = str(math.ceil(DEADLINE_FACTOR))
 WRAPPER = shlex.split(os.environ.get("PEX_COMMAND_WRAPPER", ""))
+MOSQ_ERR_INVAL = 3  # mosquitto.h
 
 
 def binary():
@@ -85,6 +88,19 @@ def word_size():
         head = file.read(5)
     assert head[:4] == b"\x7fELF", head
     return {1: 32, 2: 64}[head[4]]
+
+
+def library_text(status):
+    """What libmosquitto says for one of its return codes: its versions differ."""
+    library = ctypes.CDLL("libmosquitto.so.1")
+    library.mosquitto_strerror.restype = ctypes.c_char_p
+    return library.mosquitto_strerror(status).decode()
+
+
+def mosquitto_version():
+    """The broker's version: (2, 0, 11) in Debian 12, (2, 0, 21) in Debian 13."""
+    text = subprocess.run(["mosquitto", "-h"], stdout=subprocess.PIPE, text=True).stdout
+    return tuple(map(int, re.match(r"mosquitto version (\d+)\.(\d+)\.(\d+)", text).groups()))
 
 
 def own_environment(env=()):

@@ -13,7 +13,8 @@ import tempfile
 
 import pytest
 
-from harness import DEADLINE, REPOSITORY, Broker, Connection, request, tcp_table, wait_until
+from harness import (DEADLINE, REPOSITORY, Broker, Connection, mosquitto_version, request, tcp_table,
+                     wait_until)
 
 EXAMPLES = REPOSITORY / "examples/mosquitto"
 
@@ -425,7 +426,11 @@ def test_answer_that_is_too_large_is_dropped(service, broker, on_dock, scripts):
     assert service.records("ERROR") == []
 
 
-@pytest.mark.parametrize("sent, size, served", [(1100, 64, 1020), (40, LARGEST, 32)],
+# As far as either bound goes, mosquitto 2.0.21 keeps 20 messages more than 2.0.11.
+MORE = 0 if mosquitto_version() <= (2, 0, 11) else 20
+
+
+@pytest.mark.parametrize("sent, size, served", [(1100, 64, 1020 + MORE), (100, LARGEST, 32 + MORE)],
                          ids=["requests", "bytes"])
 def test_requests_beyond_the_queue_are_dropped_and_the_others_are_served(
         new_dock_service, broker, on_dock, scripts, tmp_path, waiting_job, sent, size, served):

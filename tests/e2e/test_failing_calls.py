@@ -10,6 +10,7 @@ PEX_FAILING_CALLS=FILE each is appended to FILE, too, as an object of JSON.
 """
 
 import collections
+import contextlib
 import errno
 import itertools
 import json
@@ -19,6 +20,7 @@ import pathlib
 import queue
 import re
 import signal
+import ssl
 import struct
 import time
 import uuid
@@ -27,7 +29,7 @@ import msgpack
 import pytest
 
 import harness
-from harness import DEADLINE, WRAPPER, failure, request, wait_until
+from harness import DEADLINE, WRAPPER, failure, mosquitto_version, request, wait_until
 
 
 def sanitized():
@@ -549,8 +551,8 @@ def test_working_directory_that_nobody_can_tell(make_rig, error, text):
 
 
 def test_every_allocation_of_the_start(make_rig, capsys):
-    """Either the daemon serves, or it ends and says why. But without the memory for its handle
-    libmosquittopp crashes."""
+    """Either the daemon serves, or it ends and says why. But without its handle libmosquittopp
+    crashes."""
     rig = make_rig()
     outcomes = collections.Counter()
     for number in itertools.count(1):
@@ -558,7 +560,9 @@ def test_every_allocation_of_the_start(make_rig, capsys):
         if outcome is None:
             break
         outcomes[outcome] += 1
-    assert outcomes["crash"] == 1 and outcomes["served, identifier made up"] == 1
+    # Without the memory for its identifier libmosquitto 2.0.11 goes on, and later ones do not.
+    assert (outcomes["crash"], outcomes["served, identifier made up"]) == (
+        (1, 1) if mosquitto_version() <= (2, 0, 11) else (2, 0))
     assert outcomes["served"] > 0 and outcomes["ended"] > 0
     tell(capsys, job="start", memory="fails once", allocations=sum(outcomes.values()), **outcomes)
 
@@ -590,18 +594,35 @@ def end_of_start(status, stderr):
     return "ended"
 
 
+def waits_for_itself(service):
+    """Whether the only thread of the daemon waits for another one."""
+    with contextlib.suppress(OSError):  # it has ended
+        return (len(os.listdir(f"/proc/{service.pid}/task")) == 1 and
+                "futex" in pathlib.Path(f"/proc/{service.pid}/wchan").read_text())
+
+
 def test_every_allocation_of_the_stop(make_rig, capsys):
+    """With OpenSSL 3.5 libmosquitto's clean-up waits for ever without the memory for a lock. All
+    else has been done by then."""
     rig = make_rig()
-    statuses = collections.Counter()
+    outcomes = collections.Counter()
     for number in itertools.count(1):
         rig.service.start_up()
         rig.run_unharmed()
         rig.faults.plan("allocation", number, errno.ENOMEM)
         rig.service.signal(signal.SIGTERM)
-        statuses[rig.service.wait()] += 1
+        wait_until(lambda: rig.dead() or waits_for_itself(rig.service), "the end")
+        if rig.dead():
+            outcomes[rig.service.wait()] += 1
+        else:
+            assert rig.service.records()[-1].message == "Cleaning up mosquitto"
+            rig.service.signal(signal.SIGKILL)
+            rig.service.wait()
+            outcomes["hang"] += 1
         in_vain = rig.faults.count("allocation") < number
         rig.faults.clear()
         if in_vain:
             break
-    assert set(statuses) == {0}
-    tell(capsys, job="stop", memory="fails once", allocations=number - 1, right=number - 1)
+    assert set(outcomes) == ({0} if ssl.OPENSSL_VERSION_INFO < (3, 5) else {0, "hang"})
+    tell(capsys, job="stop", memory="fails once", allocations=number - 1, right=outcomes[0] - 1,
+         hang=outcomes["hang"])

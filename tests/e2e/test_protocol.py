@@ -5,7 +5,7 @@ import re
 import msgpack
 import pytest
 
-from harness import failure, request
+from harness import MOSQ_ERR_INVAL, failure, library_text, request
 
 LUA_SCRIPT = b"\xaalua_script"
 ECHO = b"\xa4echo"
@@ -278,7 +278,7 @@ def test_result_topic_that_is_too_long_is_logged_and_the_next_request_served(ser
     assert server.run("7", "echo", "next") == b"next"
     assert service.records("ERROR") == [
         ("ERROR", "commandHandler",
-         "Failed to end transaction. Invalid function arguments provided.")] * 2
+         "Failed to end transaction. " + library_text(MOSQ_ERR_INVAL))] * 2
 
 
 @pytest.mark.parametrize("topic", [

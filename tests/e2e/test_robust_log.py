@@ -2,7 +2,7 @@
 
 import pytest
 
-from harness import Service, request, wait_until
+from harness import MOSQ_ERR_INVAL, Service, library_text, request, wait_until
 from scripted_broker import REFUSED_SUBSCRIPTION, connack, connect, connection_records, publish
 from scripted_proc import times_asleep
 
@@ -141,8 +141,8 @@ def test_unreachable_and_back(peer, daemon):
 @pytest.mark.parametrize("host, port, name, reason", [
     ("/nowhere/broker", 0, "/nowhere/broker", "No such file or directory"),
     ("localhost", 0, "localhost", "No such file or directory"),  # with port 0 this is a path too
-    ("127.0.0.1", -1, "127.0.0.1:-1", "Invalid function arguments provided."),
-    ("127.0.0.1", 65536, "127.0.0.1:65536", "Invalid function arguments provided."),
+    ("127.0.0.1", -1, "127.0.0.1:-1", library_text(MOSQ_ERR_INVAL)),
+    ("127.0.0.1", 65536, "127.0.0.1:65536", library_text(MOSQ_ERR_INVAL)),
     ("", 1883, ":1883", "Lookup error."),
 ])
 def test_address_that_leads_nowhere(tmp_path, host, port, name, reason):

@@ -1,7 +1,7 @@
 """Tests of a built package. scripts/test-package sets
 
     PEX_PACKAGE      the package: pex-command_VERSION_ARCH.deb; the one with its debug symbols beside it
-    PEX_CLEAN_ROOT   a folder with a bare Debian 12; each test run works on a copy
+    PEX_CLEAN_ROOT   a folder with a bare Debian; each test run works on a copy
 """
 
 import os
@@ -42,7 +42,7 @@ def repack(package, tmp_path_factory):
 
 @pytest.fixture(scope="session")
 def clean_root(tmp_path_factory):
-    """A folder with a bare Debian 12."""
+    """A folder with a bare Debian."""
     root = tmp_path_factory.mktemp("machine") / "root"
     subprocess.run(["cp", "-a", os.environ["PEX_CLEAN_ROOT"], root], check=True)
     yield root

@@ -1,4 +1,4 @@
-"""A Debian 12 of its own, started from a folder by systemd-nspawn, without a network.
+"""A Debian of its own, started from a folder by systemd-nspawn, without a network.
 
     machine.run("systemctl", "stop", "pex-command")   runs a command in it, as root
     machine.path("/etc/hosts")                        a file of it, seen from outside

@@ -1,4 +1,4 @@
-"""The package on a Debian 12 that has booted: the unit, what it lets scripts do, and what an operator
+"""The package on a Debian that has booted: the unit, what it lets scripts do, and what an operator
 sees. systemd, the broker and the daemon are the real ones. The machine has no memory controller, so what
 MemoryMax= does is not tried here."""
 

@@ -1,5 +1,6 @@
 """What is in the package, whatever its architecture."""
 
+import pathlib
 import re
 import subprocess
 
@@ -53,7 +54,6 @@ def test_configuration_is_a_conffile(files):
 @pytest.mark.parametrize("path", [
     "usr/sbin/pex-command",
     "usr/bin/pexctl",
-    "lib/systemd/system/pex-command.service",
     "usr/lib/sysusers.d/pex-command.conf",
     "usr/share/pex-command/scripts",
     "usr/share/pex-command/examples/scripts/greet.lua",
@@ -69,6 +69,13 @@ def test_configuration_is_a_conffile(files):
 ])
 def test_has(files, path):
     assert (files / path).exists()
+
+
+def test_has_the_unit(files):
+    # Where systemd.pc of the release that builds the package says: /lib/systemd until Debian 12.
+    assert [path.relative_to(files) for path in files.rglob("pex-command.service")] in (
+        [pathlib.Path("lib/systemd/system/pex-command.service")],
+        [pathlib.Path("usr/lib/systemd/system/pex-command.service")])
 
 
 def test_says_that_there_is_no_licence_yet(files):
