@@ -26,7 +26,9 @@ def without_delays(client, userdata, sock):
 
 
 signal.signal(signal.SIGTERM, lambda *call: sys.exit())
-client = mqtt.Client()
+# paho 2 wants to be told which callbacks it is to call; paho 1 knows one kind.
+kinds = getattr(mqtt, "CallbackAPIVersion", None)
+client = mqtt.Client(kinds.VERSION2) if kinds else mqtt.Client()
 client.on_socket_open = without_delays
 client.on_connect = lambda client, *rest: client.subscribe("in/python/+", 1)
 client.on_message = on_message

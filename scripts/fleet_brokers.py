@@ -128,23 +128,21 @@ class Broker:
 
 
 class Centre(Broker):
-    """The central broker, with a password for each dock and for the user "server".
+    """The central broker, with a password for each dock and for the users "server" and "operator".
 
     Its certificates must be in `directory` already.
     """
 
     def __init__(self, directory, dock_ids):
-        self.port, self.server_port = free_port(), free_port()
+        self.port = free_port()
         self.cafile = directory / "centre-ca.crt"
-        self.passwords = {name: uuid.uuid4().hex for name in ["server", *dock_ids]}
+        self.passwords = {name: uuid.uuid4().hex for name in ["server", "operator", *dock_ids]}
         super().__init__(directory, {"pex-command-centre.conf": filled("mosquitto/centre.conf", {
             "listener 8883": f"listener {self.port} {HOST}",
-            "listener 8884": f"listener {self.server_port} {HOST}",
             "/etc/mosquitto/pex-command-centre.acl": EXAMPLES / "mosquitto/centre.acl",
             "/etc/mosquitto": directory})})
         (directory / "certs").symlink_to(directory)
-        self._write_passwords("docks.passwd", dock_ids)
-        self._write_passwords("servers.passwd", ["server"])
+        self._write_passwords(directory / "pex-command-centre.passwd")
 
     def start(self):
         super().start()
@@ -153,9 +151,12 @@ class Centre(Broker):
                 raise Failure(f"The central broker does not start:\n{tail(self.log)}")
             time.sleep(0.02)
 
-    def client(self, user="server", port=None, password=None, client_id=None, **options):
-        """A client with the password of `user`, not connected. Without a port: the servers'."""
-        client = mqtt.Client(client_id=client_id or "client-" + uuid.uuid4().hex, **options)
+    def client(self, user="server", password=None, client_id="any", **options):
+        """A client with the password of `user`, not connected. It ends the connection of another one
+        with this name: the centre makes the name its client id."""
+        # paho 2 wants to be told which callbacks it is to call; paho 1 knows one kind.
+        kinds = getattr(mqtt, "CallbackAPIVersion", None)
+        client = mqtt.Client(*[kinds.VERSION2] if kinds else [], client_id=client_id, **options)
         if user:
             client.username_pw_set(user, password or self.passwords[user])
         client.tls_set(self.cafile, tls_version=ssl.PROTOCOL_TLS_CLIENT)
@@ -163,11 +164,11 @@ class Centre(Broker):
         client.reconnect_delay_set(0.2, 0.2)
         client.on_socket_open = lambda client, data, sock: sock.setsockopt(
             socket.IPPROTO_TCP, socket.TCP_NODELAY, 1)
-        client.connect_async(HOST, port or self.server_port)
+        client.connect_async(HOST, self.port)
         return client
 
     def retained(self, *filters):
-        """What the centre keeps, by topic, as a new subscription of the server gets it."""
+        """What the centre keeps, by topic, as a new subscription of "operator" gets it."""
         found, done = {}, threading.Event()
         fence = "docks/fence/in/cmd/" + uuid.uuid4().hex
 
@@ -182,7 +183,7 @@ class Centre(Broker):
             elif message.retain:
                 found[message.topic] = message.payload
 
-        client = self.client()
+        client = self.client("operator")
         client.on_connect, client.on_message = on_connect, on_message
         client.loop_start()
         complete = done.wait(60)
@@ -198,11 +199,11 @@ class Centre(Broker):
 
     def _listens(self):
         with socket.socket() as probe:
-            return probe.connect_ex((HOST, self.server_port)) == 0
+            return probe.connect_ex((HOST, self.port)) == 0
 
-    def _write_passwords(self, name, users):
-        path = self.directory / name
-        path.write_text("".join(f"{user}:{self.passwords[user]}\n" for user in users))
+    def _write_passwords(self, path):
+        path.touch(0o600)
+        path.write_text("".join(f"{user}:{word}\n" for user, word in self.passwords.items()))
         subprocess.run(["mosquitto_passwd", "-U", path], check=True)
 
 

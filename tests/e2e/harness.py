@@ -419,7 +419,10 @@ class Connection:
     def __init__(self, broker, subscriptions=()):
         self.messages = queue.Queue()
         self._acknowledged = queue.Queue()
-        self._client = mqtt.Client(client_id="test-" + uuid.uuid4().hex)
+        # paho 2 wants to be told which callbacks it is to call; paho 1 knows one kind.
+        kinds = getattr(mqtt, "CallbackAPIVersion", None)
+        self._client = mqtt.Client(*[kinds.VERSION2] if kinds else [],
+                                   client_id="test-" + uuid.uuid4().hex)
         self._client.max_queued_messages_set(0)
         self._client.on_socket_open = lambda client, userdata, sock: sock.setsockopt(
             socket.IPPROTO_TCP, socket.TCP_NODELAY, 1)

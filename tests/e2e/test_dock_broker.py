@@ -7,6 +7,7 @@ import pwd
 import shlex
 import shutil
 import signal
+import socket
 import stat
 import subprocess
 import tempfile
@@ -15,6 +16,7 @@ import pytest
 
 from harness import (DEADLINE, REPOSITORY, Broker, Connection, mosquitto_version, request, tcp_table,
                      wait_until)
+from scripted_proc import processor_time
 
 EXAMPLES = REPOSITORY / "examples/mosquitto"
 
@@ -501,6 +503,21 @@ def test_bridge_passes_the_access_list(broker, centre, new_dock_service, on_dock
         restart_after_a_kill(broker, service)
         wait_until(lambda: requests_received(service) == ["1", "1"], "the request to come again")
     assert denied(broker) == []
+
+
+def test_bridge_with_tls_of_its_own_spins_while_the_centre_is_silent(broker):
+    """Why the documents put stunnel there. Otherwise the broker has nothing to do here."""
+    broker.stop()
+    with socket.create_server(("127.0.0.1", 0)) as silent:
+        host, port = silent.getsockname()
+        broker.drop_ins["bridge.conf"] = (
+            f"connection centre\naddress {host}:{port}\ntopic out/cmd/+ out 2\n"
+            f"bridge_capath {broker.directory}\n")
+        broker.start()
+        connection, _ = silent.accept()
+        with connection:
+            before = processor_time(broker.process.pid)
+            wait_until(lambda: processor_time(broker.process.pid) > before + 2, "the broker to spin")
 
 
 @pytest.mark.parametrize("damage", [
