@@ -462,7 +462,6 @@ def test_dock_refuses_a_centre_with_the_certificate_of_another_name(tmp_path):
 
 
 def test_dock_works_on_while_the_centre_ends_each_connection(fleet):
-    """The bridge of mosquitto 2.0.11 with TLS of its own hangs the broker after two or three."""
     with socket.create_server((HOST, 0)) as listener:
         listener.settimeout(DEADLINE)
         dock = fleet.new_dock(port=listener.getsockname()[1])

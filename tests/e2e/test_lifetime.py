@@ -205,6 +205,23 @@ def test_log_file_that_cannot_be_opened_does_not_stop_the_service(new_service, s
     assert server.run("7", "ping") == b"pong"
 
 
+def test_log_whose_reader_has_gone_does_not_stop_the_service(new_service, server, scripts, tmp_path):
+    """Writing to it raises SIGPIPE, which not every version of libmosquitto ignores."""
+    scripts.add("ping", "return 'pong'")
+    path = tmp_path / "log.pipe"
+    os.mkfifo(path)
+    reader = os.open(path, os.O_RDONLY | os.O_NONBLOCK)
+    service = new_service({
+        "log4cpp.rootCategory": "DEBUG, FILE, PIPE",
+        "log4cpp.appender.PIPE": "FileAppender",
+        "log4cpp.appender.PIPE.fileName": path,
+        "log4cpp.appender.PIPE.layout": "BasicLayout",
+    }).start_up()
+    os.close(reader)
+    assert server.run("7", "ping") == b"pong"
+    assert service.process.poll() is None
+
+
 @native_only
 def test_service_has_one_thread(service, server, scripts):
     scripts.add("ping", "return 'pong'")
