@@ -47,6 +47,14 @@ std::string reason(int rc)
     return mosqpp::strerror(unknown ? MOSQ_ERR_CONN_LOST : rc);
 }
 
+/// Of a failed connect(): it has not failed before TLS.
+bool may_be_of_tls(int rc)
+{
+    // EPROTO: where the broker refuses our certificate, writing the first packet fails.
+    return rc == MOSQ_ERR_TLS || rc == MOSQ_ERR_PROTOCOL ||
+           (rc == MOSQ_ERR_ERRNO && errno == EPROTO);
+}
+
 /// Without a connection, or when it breaks now, the library says so, but takes the message.
 bool is_taken(int rc)
 {
@@ -107,8 +115,7 @@ try {
     }
     if (rc != MOSQ_ERR_SUCCESS) {
         _link = Link::down;
-        const bool in_handshake = rc == MOSQ_ERR_TLS || rc == MOSQ_ERR_PROTOCOL;
-        const std::string in_tls = in_handshake ? tls_failure() : "";
+        const std::string in_tls = may_be_of_tls(rc) ? tls_failure() : "";
         _link_log.down("Couldn't reach broker " + _broker + ". " +
                        (in_tls.empty() ? reason(rc) : in_tls));
         return rc;

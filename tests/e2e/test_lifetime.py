@@ -1,6 +1,7 @@
 """The daemon's start and end: command line, configuration, signals, exit status."""
 
 import contextlib
+import ctypes
 import os
 import pathlib
 import signal
@@ -90,13 +91,16 @@ def stuck_log(tmp_path):
 def inherited_default(number):
     """Has a child started in here find the signal's default effect.
 
-    What pytest ignores (maybe for the sake of nohup) a child would too; what it handles not.
+    What pytest ignores (maybe for the sake of nohup) a child would too. signal(2) itself, since
+    Python's works in the main thread alone, and a worker of pytest-xdist may have another one.
     """
-    before = signal.signal(number, lambda *args: None)
+    change = ctypes.CDLL(None).signal
+    change.argtypes, change.restype = [ctypes.c_int, ctypes.c_void_p], ctypes.c_void_p
+    before = change(number, signal.SIG_DFL.value)
     try:
         yield
     finally:
-        signal.signal(number, before)
+        change(number, before)
 
 
 def process_status(service, field):

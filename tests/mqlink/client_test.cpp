@@ -2093,6 +2093,40 @@ TEST_F(ClientLogTest, ABrokerThatCannotBeReachedIsLoggedWithTheReason)
         take_log());
 }
 
+TEST_F(ClientLogTest, AFailureOfTlsIsLoggedInTheWordsOfTheDerivedClass)
+{
+    class WithTls : public Client {
+        using Client::Client;
+        std::string tls_failure() const override { return "No TLS."; }
+    };
+    const struct {
+        int status;
+        int error;
+        const char* text;
+    } cases[] = {
+        {MOSQ_ERR_TLS, 0, "No TLS."},
+        {MOSQ_ERR_PROTOCOL, 0, "No TLS."},
+        {MOSQ_ERR_ERRNO, EPROTO, "No TLS."},
+        {MOSQ_ERR_ERRNO, ECONNREFUSED, "Connection refused"},
+        {MOSQ_ERR_EAI, EPROTO, "Lookup error."},
+        {MOSQ_ERR_SUCCESS, 0, "No TLS."},  // it fails later
+    };
+    for (const auto& c : cases) {
+        SCOPED_TRACE(c.status);
+        WithTls with_tls({"an_id", true, true}, "broker_log");
+        fake_mosquitto.connect = [&] {
+            errno = c.error;
+            return c.status;
+        };
+        if (with_tls.start("localhost", 1883) == MOSQ_ERR_SUCCESS) {
+            static_cast<mosqpp::mosquittopp&>(with_tls).on_disconnect(MOSQ_ERR_PROTOCOL);
+        }
+        EXPECT_EQ(Records{std::string("ERROR broker_log: Couldn't reach broker localhost:1883. ") +
+                          c.text},
+                  take_log());
+    }
+}
+
 TEST_F(ClientLogTest, ARefusalIsLoggedWithTheBrokersReason)
 {
     const struct {
