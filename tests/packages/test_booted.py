@@ -302,31 +302,48 @@ def test_a_missing_directory_is_told_and_keeps_nothing_down(dock):
     greet(dock)
 
 
-def test_broker_on_a_unix_socket_as_the_documents_set_it_up(dock):
+@pytest.fixture
+def locked_broker(dock):
+    """The dock's broker, as the documents set it up."""
     manual = dock.path("/usr/share/doc/pex-command/docs/operating.md").read_text()
     section = manual.split("## The broker\n")[1].split("\n## ")[0]
     commands = re.findall("^    (.*)", section, re.MULTILINE)
-    socket = ["-h", "/run/pex-command/broker.sock"]
     try:
         assert dock.run("sh", "-ec", "\n".join(commands)) == "Hello, dock 7!"
-        assert dock.run("stat", "-c", "%U:%G %a", "/run/pex-command").split() == [
-            "mosquitto:pex-command", "2750"]
-        greet(dock, *socket)
-        # In the group, and not.
-        assert "holds no results" in dock.run("pexctl", "list", *socket, user="pex-command")
-        refused = dock.run("pexctl", "list", *socket, user="nobody", status=3)
-        assert "Permission denied" in refused
-        # No port is open any more.
-        dock.run("pexctl", "list", "-h", "127.0.0.1", status=3)
-        # The bare machine has no kill(1), which Debian's own unit names.
-        told = dock.run("systemd-analyze", "verify", "--man=no",
-                        "/lib/systemd/system/mosquitto.service", status=None)
-        assert [line for line in told.splitlines() if "/bin/kill" not in line] == []
+        yield dock
     finally:
         dock.run("rm", "/etc/mosquitto/conf.d/pex-command.conf", "/etc/mosquitto/pex-command.acl",
                  "/etc/systemd/system/mosquitto.service.d/pex-command.conf")
         dock.run("systemctl", "daemon-reload")
         dock.run("systemctl", "restart", "mosquitto")
+
+
+def test_broker_on_a_unix_socket_as_the_documents_set_it_up(locked_broker):
+    dock, socket = locked_broker, ["-h", "/run/pex-command/broker.sock"]
+    assert dock.run("stat", "-c", "%U:%G %a", "/run/pex-command").split() == [
+        "mosquitto:pex-command", "2750"]
+    greet(dock, *socket)
+    log = dock.run("journalctl", "--unit=mosquitto", "--quiet")
+    log += dock.path("/var/log/mosquitto/mosquitto.log").read_text()
+    assert "running" in log and "Future versions" not in log  # it warns of other owners and modes
+    # In the group, and not.
+    assert "holds no results" in dock.run("pexctl", "list", *socket, user="pex-command")
+    refused = dock.run("pexctl", "list", *socket, user="nobody", status=3)
+    assert "Permission denied" in refused
+    # No port is open any more.
+    dock.run("pexctl", "list", "-h", "127.0.0.1", status=3)
+    # The bare machine has no kill(1), which Debian's own unit names.
+    told = dock.run("systemd-analyze", "verify", "--man=no",
+                    "/lib/systemd/system/mosquitto.service", status=None)
+    assert [line for line in told.splitlines() if "/bin/kill" not in line] == []
+
+
+def test_broker_cannot_write_its_access_list(locked_broker):
+    pid = locked_broker.run("systemctl", "show", "mosquitto", "--property=MainPID", "--value").strip()
+    assert locked_broker.run("stat", "-c", "%U", "/etc/mosquitto/pex-command.acl") == "mosquitto\n"
+    told = locked_broker.run("nsenter", f"--target={pid}", "--mount", "runuser", "-u", "mosquitto", "--",
+                             "chmod", "600", "/etc/mosquitto/pex-command.acl", status=1)
+    assert "Read-only file system" in told
 
 
 def test_upgrade_restarts_the_service_and_keeps_a_changed_configuration(dock, repack):
