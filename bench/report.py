@@ -153,7 +153,7 @@ class Report:
                 axes.set_ylim(low / 10, high * 10)
             axes.xaxis.set_major_formatter(PLAIN)
         else:
-            axes.set_ylim(0, 1.15 * max(max(ys) for _, _, ys in curves))
+            axes.set_ylim(0, 1.4 * max(max(ys) for _, _, ys in curves))  # room for the legend
         axes.yaxis.set_major_formatter(PLAIN)
         self.save(figure, axes, name, title, xlabel, ylabel)
 
@@ -162,8 +162,9 @@ class Report:
         axes.set_xlabel(xlabel)
         axes.set_ylabel(ylabel)
         axes.grid(alpha=0.3)
-        if axes.get_legend_handles_labels()[0]:
-            axes.legend(frameon=False)
+        curves = len(axes.get_legend_handles_labels()[0])
+        if curves:
+            axes.legend(frameon=False, ncol=2 if curves > 3 else 1)
         figure.tight_layout()
         figure.savefig(self.directory / f"{name}.svg", metadata={"Date": None})
         pyplot.close(figure)
