@@ -301,7 +301,6 @@ void BrokerSession::log_in()
 /// connect(2) can be called off, so it runs on a thread of its own, and giving up ends the process.
 void BrokerSession::connect_within(Deadline deadline)
 {
-    _is_up = false;
     _has_ended = false;
     _tls_texts.clear();
     std::packaged_task<void()> attempt(
@@ -328,8 +327,8 @@ bool BrokerSession::step(const std::string& what, Deadline deadline, millisecond
     show_progress(what);
     const int rc = loop(static_cast<int>(time.count()), 1);
     look_after_losses();
-    // Some versions of libmosquitto call on_disconnect() for it.
-    if (rc == MOSQ_ERR_TLS && !_is_up && !_has_ended) {
+    // Of a handshake. Some versions of libmosquitto call on_disconnect() for it.
+    if (rc == MOSQ_ERR_TLS && !_has_ended) {
         note("Couldn't reach broker " + _name + ". " + tls_failure());
     }
     return rc != MOSQ_ERR_NO_CONN && rc != MOSQ_ERR_CONN_LOST;

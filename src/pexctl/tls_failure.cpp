@@ -17,8 +17,12 @@ std::string explain_tls_failure(const std::vector<std::string>& texts, bool has_
     if (told("alert certificate required")) {
         return "It wants a certificate: give --cert and --key.";
     }
-    if (told("alert")) {  // what the broker says of our certificate
-        return "It does not accept the certificate.";
+    // An alert is the broker's word. These are of RFC 8446, section 6.2, and about our certificate.
+    for (const char* alert : {"alert unknown ca", "alert bad certificate", "alert certificate",
+                              "alert unsupported certificate"}) {
+        if (told(alert)) {
+            return "It does not accept the certificate.";
+        }
     }
     if (told("certificate verify failed")) {
         return "Its certificate is not trusted, or not valid now.";
@@ -27,6 +31,10 @@ std::string explain_tls_failure(const std::vector<std::string>& texts, bool has_
     for (const std::string& text : texts) {
         if (text.compare(0, own_fault.size(), own_fault) == 0) {
             return text.substr(own_fault.size());
+        }
+        // "handshake failure" is also what TLS 1.2 says where a certificate is wanted.
+        if (text.find("alert") != std::string::npos && !told("handshake failure")) {
+            return "It refuses the TLS handshake: " + text.substr(text.rfind(':') + 1) + ".";
         }
     }
     return std::string("It ended the TLS handshake: it may know no TLS at this port, or ") +

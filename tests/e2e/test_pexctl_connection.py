@@ -4,8 +4,11 @@ import contextlib
 import os
 import shutil
 import signal
+import socket
+import ssl
 import subprocess
 import tempfile
+import threading
 import time
 
 import pytest
@@ -418,6 +421,27 @@ def test_broker_may_ask_for_a_certificate(tls, broker, remote, keys):
     assert remote("list", *known, "--cert", keys / "other.pem", "--key", keys / "other.key") in [
         (3, b"", told + "It does not accept the certificate.\n"),
         (3, b"", told + NO_HANDSHAKE + "not accept the certificate.\n")]
+
+
+def test_tls_1_2_wants_a_certificate_with_less_to_say(pexctl, keys):
+    context = ssl.SSLContext(ssl.PROTOCOL_TLS_SERVER)
+    context.maximum_version = ssl.TLSVersion.TLSv1_2
+    context.verify_mode = ssl.CERT_REQUIRED
+    context.load_cert_chain(keys / "broker.pem", keys / "broker.key")
+    context.load_verify_locations(keys / "user.pem")
+    with socket.create_server(("127.0.0.1", 0)) as listener:
+        def refuse():
+            with contextlib.suppress(ssl.SSLError), listener.accept()[0] as connection:
+                context.wrap_socket(connection, server_side=True)
+
+        thread = threading.Thread(target=refuse)
+        thread.start()
+        port = listener.getsockname()[1]
+        assert pexctl("list", "-h", "127.0.0.1", "-p", str(port), "--cafile",
+                      keys / "broker.pem") == (
+            3, b"", f"pexctl: Couldn't reach broker 127.0.0.1:{port}. {NO_HANDSHAKE}"
+            "want a certificate.\n")
+        thread.join()
 
 
 @pytest.mark.parametrize("option", ["--cafile", "--capath"])
